@@ -1,0 +1,185 @@
+#include "host/common/Daemon.h"
+
+#include <dlfcn.h>
+#include <signal.h>
+#include <sys/signalfd.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <stdexcept>
+
+#include <fmt/format.h>
+
+#include "host/common/Control.h"
+#include "host/common/HostCommands.h"
+#include "platform/Trace.h"
+
+RAVEL_TRACE_CATEGORY("RavelDaemon");
+
+#ifndef RAVEL_DATA_DIR
+#define RAVEL_DATA_DIR "/usr/share/ravel"
+#endif
+
+namespace Ravel::host {
+
+namespace {
+
+std::string exeDir() {
+   std::error_code ec;
+   auto p = std::filesystem::read_symlink("/proc/self/exe", ec);
+   return ec ? "." : p.parent_path().string();
+}
+
+}  // namespace
+
+DaemonOptions parseDaemonOptions(int argc, char** argv) {
+   DaemonOptions o;
+   o.socketPath = kDefaultSocket;
+   for (int i = 1; i < argc; ++i) {
+      std::string a = argv[i];
+      auto value = [&]() -> std::string {
+         if (i + 1 >= argc) throw std::invalid_argument(fmt::format("{} needs a value", a));
+         return argv[++i];
+      };
+      if (a == "--config") {
+         o.configFile = value();
+      } else if (a == "--socket") {
+         o.socketPath = value();
+      } else if (a == "--netns-dir") {
+         o.netnsDir = value();
+      } else if (a == "--agent") {
+         o.agentLib = value();
+      } else if (a == "--profile-dir") {
+         o.profileDir = value();
+      } else {
+         throw std::invalid_argument(fmt::format("unknown argument {}", a));
+      }
+   }
+   if (o.agentLib.empty()) o.agentLib = exeDir() + "/../lib/libRavel.so";
+   if (o.profileDir.empty()) o.profileDir = std::string(RAVEL_DATA_DIR) + "/mounts";
+   return o;
+}
+
+Daemon::Daemon(DaemonOptions opts)
+    : opts_(std::move(opts)),
+      scheduler_(std::make_unique<Scheduler>()),
+      em_(make<EntityManager>()),
+      commands_(make<AgentCommandRequestDirSm>()) {
+   Scheduler::defaultIs(scheduler_.get());
+   startTime_ = scheduler_->now();
+}
+
+Daemon::~Daemon() {
+   stop();
+   Scheduler::defaultIs(nullptr);
+}
+
+void Daemon::start() {
+   // Signals first, so that a TERM during start-up is not lost.
+   sigset_t set;
+   sigemptyset(&set);
+   sigaddset(&set, SIGTERM);
+   sigaddset(&set, SIGINT);
+   sigaddset(&set, SIGHUP);
+   sigprocmask(SIG_BLOCK, &set, nullptr);
+   signalFd_ = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
+   if (signalFd_ < 0) throw std::runtime_error(fmt::format("signalfd: {}", std::strerror(errno)));
+   signal(SIGPIPE, SIG_IGN);
+
+   listenFd_ = controlListen(opts_.socketPath);
+   framework_ = make<CAgent>("Ravel", em_, commands_);
+   commands_->callbackIs(make<ShowCallback>(*this));
+   loadAgent();
+
+   signalTask_ = std::make_unique<FdTask>(*scheduler_, "RavelSignals", 1, signalFd_,
+                                          [this] { handleSignal(); });
+   signalTask_->taskWatchReadableIs(true);
+   controlTask_ = std::make_unique<FdTask>(*scheduler_, "RavelControl", 2, listenFd_,
+                                           [this] { handleControl(); });
+   controlTask_->taskWatchReadableIs(true);
+}
+
+void Daemon::loadAgent() {
+   agentHandle_ = dlopen(opts_.agentLib.c_str(), RTLD_NOW | RTLD_LOCAL);
+   if (!agentHandle_) throw std::runtime_error(fmt::format("cannot load agent: {}", dlerror()));
+   auto factory = reinterpret_cast<AgentFactoryFn>(dlsym(agentHandle_, kAgentFactorySymbol));
+   if (!factory) {
+      throw std::runtime_error(
+          fmt::format("{} has no {} symbol", opts_.agentLib, kAgentFactorySymbol));
+   }
+   agent_ = factory(framework_.get());
+   if (!agent_) throw std::runtime_error("agent factory returned no agent");
+   TRACE(3, "agent created from {}", opts_.agentLib);
+   agent_->doInit();
+   MountStatus status = em_->performMounts(opts_.profileDir);
+   TRACE(3, "mounts performed: {}", toString(status));
+   agent_->doMountsComplete(status, em_);
+}
+
+int Daemon::run() {
+   std::fprintf(stderr, "ravel: ready (pid %d, socket %s)\n", static_cast<int>(getpid()),
+                opts_.socketPath.c_str());
+   std::fflush(stderr);
+   scheduler_->run();
+   stop();
+   return exitCode_;
+}
+
+void Daemon::stop() {
+   controlTask_.reset();
+   signalTask_.reset();
+   // The agent tears itself down in its destructor; it must go before the store and tasks.
+   agent_.reset();
+   framework_.reset();
+   services_.clear();
+   commands_ = make<AgentCommandRequestDirSm>();
+   if (agentHandle_) {
+      // Keep the library mapped: objects it created may still be referenced from the store.
+      agentHandle_ = nullptr;
+   }
+   if (listenFd_ >= 0) {
+      ::close(listenFd_);
+      ::unlink(opts_.socketPath.c_str());
+      listenFd_ = -1;
+   }
+   if (signalFd_ >= 0) {
+      ::close(signalFd_);
+      signalFd_ = -1;
+   }
+}
+
+void Daemon::handleControl() {
+   for (;;) {
+      int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
+      if (fd < 0) return;
+      std::string request;
+      if (controlReadRequest(fd, request)) {
+         try {
+            commands_->dispatch(fd, request);
+         } catch (const std::exception& e) {
+            // A failing command must not take the daemon down.
+            writeAll(fd, fmt::format("error: {}\n", e.what()));
+            TRACE(0, "command \"{}\" failed: {}", request, e.what());
+         }
+      }
+      ::close(fd);
+   }
+}
+
+void Daemon::handleSignal() {
+   signalfd_siginfo si{};
+   while (::read(signalFd_, &si, sizeof si) == sizeof si) {
+      if (si.ssi_signo == SIGHUP) {
+         TRACE(3, "SIGHUP: reloading");
+         for (auto& s : services_) s->reload();
+      } else {
+         TRACE(3, "signal {}: stopping", si.ssi_signo);
+         scheduler_->stop();
+      }
+   }
+}
+
+}  // namespace Ravel::host

@@ -1,0 +1,70 @@
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "platform/AgentFramework.h"
+#include "platform/Scheduler.h"
+
+namespace Ravel::host {
+
+struct DaemonOptions {
+   std::string configFile;  // empty: no configuration, everything off
+   std::string socketPath;
+   std::string netnsDir = "/run/netns";
+   std::string agentLib;    // default: ../lib/libRavel.so next to the executable
+   std::string profileDir;  // mount profiles; default: the project's config/mounts
+};
+
+// Parses argv; on a usage error throws std::invalid_argument with the message.
+DaemonOptions parseDaemonOptions(int argc, char** argv);
+
+// A part of the daemon that lives as long as it (state providers, configuration). Created
+// before the agent so that the store is filled when the agent mounts.
+class DaemonService {
+public:
+   virtual ~DaemonService() = default;
+   virtual void reload() {}
+};
+
+// Hosts the agent plug-in: state store, scheduler loop, control socket, signals.
+class Daemon {
+public:
+   explicit Daemon(DaemonOptions opts);
+   ~Daemon();
+   // Start-up in the framework's order; throws std::runtime_error with a one-line message.
+   void start();
+   // Runs the scheduler until SIGTERM/SIGINT; returns the exit code.
+   int run();
+
+   Scheduler& scheduler() { return *scheduler_; }
+   const Ptr<EntityManager>& entityManager() const { return em_; }
+   const Ptr<AgentCommandRequestDirSm>& commands() const { return commands_; }
+   const DaemonOptions& options() const { return opts_; }
+   void serviceIs(std::unique_ptr<DaemonService> s) { services_.push_back(std::move(s)); }
+   double startTime() const { return startTime_; }
+
+private:
+   void loadAgent();
+   void handleControl();
+   void handleSignal();
+   void stop();
+
+   DaemonOptions opts_;
+   std::unique_ptr<Scheduler> scheduler_;
+   Ptr<EntityManager> em_;
+   Ptr<AgentCommandRequestDirSm> commands_;
+   Ptr<CAgent> framework_;
+   Ptr<CAgent> agent_;
+   void* agentHandle_ = nullptr;
+   std::vector<std::unique_ptr<DaemonService>> services_;
+   int listenFd_ = -1;
+   int signalFd_ = -1;
+   std::unique_ptr<FdTask> controlTask_;
+   std::unique_ptr<FdTask> signalTask_;
+   double startTime_ = 0;
+   int exitCode_ = 0;
+};
+
+}  // namespace Ravel::host
