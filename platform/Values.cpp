@@ -85,9 +85,8 @@ std::string IpGenAddr::str() const {
    return "";
 }
 
-IntfId::IntfId(std::string_view name) {
-   // Trailing NULs come from fixed-size fields (RFC 8335 pads names to 4 bytes).
-   while (!name.empty() && name.back() == '\0') name.remove_suffix(1);
+namespace {
+void checkDeviceName(std::string_view name) {
    if (name.empty()) throw std::invalid_argument("empty interface name");
    if (name.size() >= IFNAMSIZ) {
       throw std::invalid_argument(
@@ -99,7 +98,40 @@ IntfId::IntfId(std::string_view name) {
          throw std::invalid_argument(fmt::format("invalid character 0x{:02x} in interface name", c));
       }
    }
+}
+}  // namespace
+
+IntfId::IntfId(std::string_view name) {
+   // Trailing NULs come from fixed-size fields (RFC 8335 pads names to 4 bytes).
+   while (!name.empty() && name.back() == '\0') name.remove_suffix(1);
+   // "<vrf>/<device>" names an interface of a VRF's namespace. Linux forbids '/' in device
+   // names, so the qualified form can never collide with a real device of the default VRF.
+   if (auto slash = name.find('/'); slash != std::string_view::npos) {
+      std::string_view vrf = name.substr(0, slash);
+      if (vrf.empty() || vrf.size() > VrfName::kMaxLen) {
+         throw std::invalid_argument("invalid VRF part in interface name");
+      }
+      if (vrf == "default") {
+         name.remove_prefix(slash + 1);  // the default VRF's interfaces are unqualified
+      } else {
+         checkDeviceName(name.substr(slash + 1));
+         name_ = name;
+         return;
+      }
+   }
+   checkDeviceName(name);
    name_ = name;
+}
+
+IntfId IntfId::forDevice(const VrfName& vrf, std::string_view device) {
+   IntfId r;
+   r.name_ = vrf.isDefault() ? std::string(device) : vrf.str() + "/" + std::string(device);
+   return r;
+}
+
+std::string IntfId::deviceName() const {
+   auto slash = name_.find('/');
+   return slash == std::string::npos ? name_ : name_.substr(slash + 1);
 }
 
 IntfId IntfId::fromKernelName(std::string name) {

@@ -74,10 +74,14 @@ private:
 class IntfId {
 public:
    IntfId() = default;
-   // Parses and normalises an interface name; throws std::invalid_argument with a message when
-   // the name cannot be a Linux interface name.
+   // Parses and normalises an interface name: a Linux device name for the default VRF, or
+   // "<vrf>/<device>" for a device in VRF <vrf>'s namespace ("default/eth0" is "eth0").
+   // Throws std::invalid_argument with a message when the name cannot be one.
    explicit IntfId(std::string_view name);
+   static IntfId forDevice(const VrfName& vrf, std::string_view device);
    static IntfId fromKernelName(std::string name);  // trusted: the kernel gave it
+
+   std::string deviceName() const;
 
    const std::string& str() const { return name_; }
    bool empty() const { return name_.empty(); }

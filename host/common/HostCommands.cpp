@@ -8,11 +8,13 @@
 #include <nlohmann/json.hpp>
 
 #include "host/common/Daemon.h"
+#include "platform/ProbeSchema.h"
 
 namespace Ravel::host {
 
 ShowCallback::ShowCallback(Daemon& daemon) : AgentCommandCallback("ravel", "show"), daemon_(daemon) {
    handlerIs("status", [this](int fd, bool json) { showStatus(fd, json); });
+   handlerIs("probe", [this](int fd, bool json) { showProbe(fd, json); });
 }
 
 void ShowCallback::handleCommand(unsigned socketFd, const std::string& command) {
@@ -59,6 +61,54 @@ void ShowCallback::showStatus(int fd, bool json) {
    out += "\nentities\n";
    for (auto& [path, type] : ents.items()) {
       out += fmt::format("  {} {}\n", path, type.get<std::string>());
+   }
+   writeAll(fd, out);
+}
+
+void ShowCallback::showProbe(int fd, bool json) {
+   auto em = daemon_.entityManager();
+   auto config = em->entityAs<ProbeResponder::Config>("icmp/probe/config");
+   auto status = em->entityAs<ProbeResponder::Status>("icmp/probe/status");
+   nlohmann::json j;
+   if (config) {
+      j["config"] = {{"enabled", config->enabled()},
+                     {"ifname", config->ifname()},
+                     {"ifindex", config->ifindex()},
+                     {"ifaddr", config->ifaddr()},
+                     {"remote", config->remote()},
+                     {"maxQueueLength", config->maxQueueLength()}};
+   }
+   if (status) {
+      nlohmann::json counters = nlohmann::json::object();
+#define RAVEL_PROBE_COUNTER_JSON(name) counters[#name] = status->name;
+      RAVEL_PROBE_COUNTERS(RAVEL_PROBE_COUNTER_JSON)
+#undef RAVEL_PROBE_COUNTER_JSON
+      nlohmann::json codes = nlohmann::json::object();
+      for (auto& [code, n] : status->codeCount) codes[std::to_string(code)] = n;
+      counters["codeCount"] = codes;
+      counters["lastTxErrno"] = status->lastTxErrno;
+      j["status"] = counters;
+   }
+   if (json) {
+      writeAll(fd, j.dump(2) + "\n");
+      return;
+   }
+   std::string out;
+   if (j.contains("config")) {
+      out += "config\n";
+      for (auto& [k, v] : j["config"].items()) out += fmt::format("  {} {}\n", k, v.dump());
+   } else {
+      out += "config (none)\n";
+   }
+   if (j.contains("status")) {
+      out += "counters\n";
+      for (auto& [k, v] : j["status"].items()) {
+         if (k == "codeCount") {
+            for (auto& [code, n] : v.items()) out += fmt::format("  codeCount[{}] {}\n", code, n.dump());
+         } else {
+            out += fmt::format("  {} {}\n", k, v.dump());
+         }
+      }
    }
    writeAll(fd, out);
 }
