@@ -41,4 +41,7 @@ struct Record {
 // std::runtime_error naming the file when it is not a Lumen file.
 std::vector<Record> readFile(const std::string& path);
 
+// One line: local time with microseconds, level, category, function and message.
+std::string formatRecord(const Record& r);
+
 }  // namespace Ravel::lumen
