@@ -169,7 +169,8 @@ size_t Scheduler::runOnce(Seconds maxWait) {
       current_ = nullptr;
       ++runs;
    }
-   Seconds wait = runQueue_.empty() ? std::min(maxWait, nextExpiration() - now()) : 0;
+   bool idle = runQueue_.empty() && !stopRequested_;
+   Seconds wait = idle ? std::min(maxWait, nextExpiration() - now()) : 0;
    poll(std::max<Seconds>(wait, 0));
    return runs;
 }

@@ -15,6 +15,7 @@
 
 #include "host/common/Control.h"
 #include "host/common/HostCommands.h"
+#include "platform/SocketPam.h"
 #include "platform/Trace.h"
 
 RAVEL_TRACE_CATEGORY("RavelDaemon");
@@ -90,6 +91,8 @@ void Daemon::start() {
    signal(SIGPIPE, SIG_IGN);
 
    listenFd_ = controlListen(opts_.socketPath);
+   pamFactory_ = makeSocketPamFactory(opts_.netnsDir);
+   PamFactory::instanceIs(pamFactory_.get());
    framework_ = make<CAgent>("Ravel", em_, commands_);
    commands_->callbackIs(make<ShowCallback>(*this));
    loadAgent();
@@ -135,6 +138,10 @@ void Daemon::stop() {
    agent_.reset();
    framework_.reset();
    services_.clear();
+   if (pamFactory_) {
+      PamFactory::instanceIs(nullptr);
+      pamFactory_.reset();
+   }
    commands_ = make<AgentCommandRequestDirSm>();
    if (agentHandle_) {
       // Keep the library mapped: objects it created may still be referenced from the store.

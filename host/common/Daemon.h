@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "platform/AgentFramework.h"
+#include "platform/IpPam.h"
 #include "platform/Scheduler.h"
 
 namespace Ravel::host {
@@ -55,6 +56,7 @@ private:
    std::unique_ptr<Scheduler> scheduler_;
    Ptr<EntityManager> em_;
    Ptr<AgentCommandRequestDirSm> commands_;
+   std::unique_ptr<PamFactory> pamFactory_;
    Ptr<CAgent> framework_;
    Ptr<CAgent> agent_;
    void* agentHandle_ = nullptr;
