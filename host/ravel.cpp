@@ -20,6 +20,9 @@ int main(int argc, char** argv) {
       Ravel::host::Daemon daemon(opts);
       daemon.start();
       return daemon.run();
+   } catch (const Ravel::ConfigError& e) {
+      std::fprintf(stderr, "ravel: %s\n", e.what());
+      return 2;
    } catch (const std::exception& e) {
       std::fprintf(stderr, "ravel: %s\n", e.what());
       return 1;

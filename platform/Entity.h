@@ -80,8 +80,9 @@ public:
    bool del(const K& k) {
       auto it = m_.find(k);
       if (it == m_.end()) return false;
+      K key = it->first;  // `k` may refer to the entry being erased
       m_.erase(it);
-      notifier_.notify(k);
+      notifier_.notify(key);
       return true;
    }
    void delAll() {
@@ -122,8 +123,11 @@ public:
       return true;
    }
    bool del(const K& k) {
-      if (!s_.erase(k)) return false;
-      notifier_.notify(k);
+      auto it = s_.find(k);
+      if (it == s_.end()) return false;
+      K key = it->first;  // `k` may refer to the entry being erased
+      s_.erase(it);
+      notifier_.notify(key);
       return true;
    }
    void delAll() {

@@ -91,6 +91,8 @@ void Daemon::start() {
    signal(SIGPIPE, SIG_IGN);
 
    listenFd_ = controlListen(opts_.socketPath);
+   // Configuration first: a bad file stops start-up before anything else is touched.
+   config_ = std::make_unique<ConfigService>(*scheduler_, em_, opts_.configFile);
    pamFactory_ = makeSocketPamFactory(opts_.netnsDir);
    PamFactory::instanceIs(pamFactory_.get());
    framework_ = make<CAgent>("Ravel", em_, commands_);
@@ -138,6 +140,7 @@ void Daemon::stop() {
    agent_.reset();
    framework_.reset();
    services_.clear();
+   config_.reset();
    if (pamFactory_) {
       PamFactory::instanceIs(nullptr);
       pamFactory_.reset();
@@ -181,6 +184,7 @@ void Daemon::handleSignal() {
    while (::read(signalFd_, &si, sizeof si) == sizeof si) {
       if (si.ssi_signo == SIGHUP) {
          TRACE(3, "SIGHUP: reloading");
+         if (config_) config_->reload();
          for (auto& s : services_) s->reload();
       } else {
          TRACE(3, "signal {}: stopping", si.ssi_signo);

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "platform/AgentFramework.h"
+#include "platform/ConfigService.h"
 #include "platform/IpPam.h"
 #include "platform/Scheduler.h"
 
@@ -45,6 +46,7 @@ public:
    const DaemonOptions& options() const { return opts_; }
    void serviceIs(std::unique_ptr<DaemonService> s) { services_.push_back(std::move(s)); }
    double startTime() const { return startTime_; }
+   ConfigService* configService() const { return config_.get(); }
 
 private:
    void loadAgent();
@@ -57,6 +59,7 @@ private:
    Ptr<EntityManager> em_;
    Ptr<AgentCommandRequestDirSm> commands_;
    std::unique_ptr<PamFactory> pamFactory_;
+   std::unique_ptr<ConfigService> config_;
    Ptr<CAgent> framework_;
    Ptr<CAgent> agent_;
    void* agentHandle_ = nullptr;

@@ -15,6 +15,14 @@ namespace Ravel::host {
 ShowCallback::ShowCallback(Daemon& daemon) : AgentCommandCallback("ravel", "show"), daemon_(daemon) {
    handlerIs("status", [this](int fd, bool json) { showStatus(fd, json); });
    handlerIs("probe", [this](int fd, bool json) { showProbe(fd, json); });
+   handlerIs("config", [this](int fd, bool) {
+      auto* c = daemon_.configService();
+      std::string out = c ? renderConfig(c->config()) : std::string("# no configuration\n");
+      if (c && !c->lastError().empty()) {
+         out = "# last reload failed, still in effect below: " + c->lastError() + "\n" + out;
+      }
+      writeAll(fd, out);
+   });
 }
 
 void ShowCallback::handleCommand(unsigned socketFd, const std::string& command) {
