@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include "host/common/Control.h"
+#include "host/common/ProbeClient.h"
 #include "platform/Lumen.h"
 
 namespace Ravel::host {
@@ -51,6 +52,7 @@ int runCtlCommand(const std::string& socketPath, const std::vector<std::string>&
       }
       return 0;
    }
+   if (cmd == "probe") return runProbe(args);
    if (cmd == "raw") {
       if (args.size() < 2) throw UsageError("raw needs a callback name");
       return printReply(socketPath, join(args, 1));

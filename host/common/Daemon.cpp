@@ -93,6 +93,8 @@ void Daemon::start() {
    listenFd_ = controlListen(opts_.socketPath);
    // Configuration first: a bad file stops start-up before anything else is touched.
    config_ = std::make_unique<ConfigService>(*scheduler_, em_, opts_.configFile);
+   // The kernel's state is in the store before the agent mounts it.
+   linuxState_ = std::make_unique<LinuxStateProvider>(*scheduler_, em_, opts_.netnsDir);
    pamFactory_ = makeSocketPamFactory(opts_.netnsDir);
    PamFactory::instanceIs(pamFactory_.get());
    framework_ = make<CAgent>("Ravel", em_, commands_);
@@ -141,6 +143,7 @@ void Daemon::stop() {
    framework_.reset();
    services_.clear();
    config_.reset();
+   linuxState_.reset();
    if (pamFactory_) {
       PamFactory::instanceIs(nullptr);
       pamFactory_.reset();

@@ -6,6 +6,7 @@
 
 #include "platform/AgentFramework.h"
 #include "platform/ConfigService.h"
+#include "platform/LinuxStateProvider.h"
 #include "platform/IpPam.h"
 #include "platform/Scheduler.h"
 
@@ -60,6 +61,7 @@ private:
    Ptr<AgentCommandRequestDirSm> commands_;
    std::unique_ptr<PamFactory> pamFactory_;
    std::unique_ptr<ConfigService> config_;
+   std::unique_ptr<LinuxStateProvider> linuxState_;
    Ptr<CAgent> framework_;
    Ptr<CAgent> agent_;
    void* agentHandle_ = nullptr;
