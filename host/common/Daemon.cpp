@@ -168,6 +168,10 @@ void Daemon::handleControl() {
    for (;;) {
       int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
       if (fd < 0) return;
+      // Replies are written on the scheduler thread: a client that stops reading may stall
+      // the daemon for at most this long.
+      timeval tv{2, 0};
+      ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
       std::string request;
       if (controlReadRequest(fd, request)) {
          try {

@@ -1,0 +1,171 @@
+#include <unistd.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+
+#include "agent/RavelAgent.h"
+#include "error/ErrorResponderAgent.h"
+#include "platform/Lumen.h"
+#include "probe/ProbeResponderAgent.h"
+#include "tests/unit/FakePam.h"
+
+namespace Ravel {
+namespace {
+
+using testing::FakePamFactory;
+
+// Runs a command callback and returns what it wrote to the client (a file stands in for the
+// client's socket, so a long dump cannot block).
+std::string reply(AgentCommandCallback& cb, const std::string& command, bool verbose = false) {
+   FILE* f = std::tmpfile();
+   auto registry = make<AgentCommandRequestDirSm>();
+   registry->callbackIs(Ptr<AgentCommandCallback>(&cb));
+   registry->dispatch(fileno(f), (verbose ? "-v " : "") + cb.name() + " " + command);
+   registry->callbackDel(cb.name());
+   std::string out;
+   std::rewind(f);
+   char buf[4096];
+   for (size_t n; (n = std::fread(buf, 1, sizeof buf, f)) > 0;) out.append(buf, n);
+   std::fclose(f);
+   return out;
+}
+
+struct AgentTest : ::testing::Test {
+   std::shared_ptr<SimulatedClock> clock = std::make_shared<SimulatedClock>();
+   Scheduler sched{clock};
+   ScopedDefaultScheduler scoped{sched};
+   FakePamFactory factory;
+   Ptr<EntityManager> em = make<EntityManager>();
+   Ptr<CAgent> framework = make<CAgent>("Ravel", em, make<AgentCommandRequestDirSm>());
+   std::filesystem::path dir = std::filesystem::temp_directory_path() /
+                               ("ravel-agent-test-" + std::to_string(getpid()));
+
+   AgentTest() {
+      PamFactory::instanceIs(&factory);
+      std::filesystem::create_directories(dir);
+      setenv("LUMENDIR", dir.c_str(), 1);
+      setenv("LUMEN_DISABLE", "1", 1);
+   }
+   ~AgentTest() override {
+      lumen::shutdown();
+      PamFactory::instanceIs(nullptr);
+      unsetenv("LUMENDIR");
+      unsetenv("LUMEN_DISABLE");
+      std::filesystem::remove_all(dir);
+   }
+
+   Ptr<Agent> start(bool withVrfTable = true) {
+      auto agent = ptrCast<Agent>(agentFactory(framework.get()));
+      agent->doInit();
+      em->performMounts(RAVEL_TEST_PROFILE_DIR);
+      if (!withVrfTable) em->entityDel("ip/vrf/status/local");
+      agent->doMountsComplete(MountStatus::ok, em);
+      return agent;
+   }
+};
+
+TEST_F(AgentTest, StartUpOrderAndRecords) {
+   auto agent = ptrCast<Agent>(agentFactory(framework.get()));
+   ASSERT_TRUE(agent);
+   EXPECT_FALSE(agent->probeAgent());
+   agent->doInit();
+   EXPECT_TRUE(agent->probeConfig()->vrfHas(VrfName::defaultVrf()));
+   EXPECT_EQ(agent->probeConfig()->vrf.size(), 1u);
+   EXPECT_TRUE(agent->errConfig()->vrf.empty());
+   EXPECT_TRUE(agent->probeAgent() && agent->errorResponderAgent());
+   EXPECT_FALSE(agent->pamSm());
+   // The two collections are distinct: only pamStatus's reaches the sub-agents.
+   EXPECT_NE(agent->pamCollection(), agent->pamStatus()->pamCollection());
+   EXPECT_EQ(agent->probeAgent()->pamCollection(), agent->pamStatus()->pamCollection());
+
+   auto same = agent->probeAgentIs(framework.get());
+   EXPECT_EQ(same, agent->probeAgent());
+   auto other = make<CAgent>("Other", em, make<AgentCommandRequestDirSm>());
+   EXPECT_NE(agent->probeAgentIs(other.get()), same);
+   EXPECT_EQ(agent->probeAgent()->cAgent(), other.get());
+}
+
+TEST_F(AgentTest, LumenFileFollowsTheEnvironment) {
+   unsetenv("LUMEN_DISABLE");
+   auto agent = ptrCast<Agent>(agentFactory(framework.get()));
+   EXPECT_EQ(agent->lumenNameTemplate(), "Ravel.lmn");  // LUMENDIR set
+   agent->doInit();
+   EXPECT_TRUE(lumen::active());
+   EXPECT_EQ(lumen::filePath(), (dir / "Ravel.lmn").string());
+   lumen::shutdown();
+   unsetenv("LUMENDIR");
+   EXPECT_EQ(agent->lumenNameTemplate(), "Ravel-%d.lmn");
+   setenv("LUMENDIR", dir.c_str(), 1);
+
+   setenv("LUMEN_DISABLE", "", 1);  // any value disables it
+   std::filesystem::remove(dir / "Ravel.lmn");
+   auto second = ptrCast<Agent>(agentFactory(framework.get()));
+   second->doInit();
+   EXPECT_FALSE(lumen::active());
+   EXPECT_FALSE(std::filesystem::exists(dir / "Ravel.lmn"));
+}
+
+TEST_F(AgentTest, MissingVrfTableStillGivesDefaultPams) {
+   auto agent = start(false);
+   sched.runUntilIdle();
+   auto pams = agent->pamStatus()->pamCollection();
+   EXPECT_TRUE(pams->pamGet({VrfName::defaultVrf(), AddressFamily::ipv4}));
+   EXPECT_TRUE(pams->pamGet({VrfName::defaultVrf(), AddressFamily::ipv6}));
+   EXPECT_EQ(agent->rootSm()->v4PamCount() + agent->rootSm()->v6PamCount(), 0u);
+   auto reg = em->entityAs<ShowDebug>("agent/debug/registry/Ravel");
+   ASSERT_TRUE(reg);
+   EXPECT_EQ(reg->commandType(), "dumpState");
+}
+
+TEST_F(AgentTest, DumpListsPamsAndTruncates) {
+   auto agent = start();
+   auto dump = agent->showAgentDebugCallbackIs();
+   std::string empty = reply(*dump, "DebugAgentState");
+   EXPECT_NE(empty.find("pams #0\n"), std::string::npos);
+   EXPECT_EQ(empty.find("truncated"), std::string::npos);
+
+   sched.runUntilIdle();
+   std::string two = reply(*dump, "DebugAgentState");
+   EXPECT_NE(two.find("pams #2\npam default ipv4\n    IpPam enabled 1 protocol 1 netNs default\n"),
+             std::string::npos)
+       << two;
+
+   // More PAMs than the entry limit: both truncation lines, and only the first entries.
+   auto& pams = *agent->pamStatus()->pamCollection();
+   for (int i = 0; i < 120; ++i) {
+      VrfName v("v" + std::to_string(1000 + i));
+      pams.pamIs({v, AddressFamily::ipv4},
+                 make<testing::FakePam>("x", AddressFamily::ipv4, 1, "ns-" + v.str()));
+   }
+   std::string big = reply(*dump, "DebugAgentState");
+   EXPECT_NE(big.find("-- The following list will be truncated, use verbose option to display "
+                      "all 122 entries --\n"),
+             std::string::npos);
+   EXPECT_NE(big.find("-- This list has been truncated, use verbose option to display all 122 "
+                      "entries --\n"),
+             std::string::npos);
+   auto count = [](const std::string& s) {
+      size_t n = 0;
+      for (size_t p = 0; (p = s.find("\npam ", p)) != std::string::npos; ++p) ++n;
+      return n;
+   };
+   EXPECT_EQ(count(big), DumpContext::kDefaultEntryLimit);
+   std::string verbose = reply(*dump, "DebugAgentState", true);
+   EXPECT_EQ(count(verbose), 122u);
+   EXPECT_EQ(verbose.find("truncated"), std::string::npos);
+}
+
+TEST_F(AgentTest, CommandRepliesForUnknownWordsAndUnstartedParts) {
+   auto agent = start();
+   EXPECT_EQ(reply(*agent->showAgentDebugCallbackIs(), "Bogus"), "Unknown command: Bogus");
+   auto clear = agent->errorResponderClearCountersCallbackIs();
+   EXPECT_EQ(reply(*clear, "reset"), "Unknown command: reset");
+   EXPECT_EQ(reply(*clear, "clear counters"), "ErrorResponder::Agent::RootSm not yet initialized!");
+}
+
+}  // namespace
+}  // namespace Ravel
