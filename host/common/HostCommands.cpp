@@ -8,6 +8,7 @@
 #include <nlohmann/json.hpp>
 
 #include "host/common/Daemon.h"
+#include "platform/NetSchema.h"
 #include "platform/ProbeSchema.h"
 
 namespace Ravel::host {
@@ -15,6 +16,7 @@ namespace Ravel::host {
 ShowCallback::ShowCallback(Daemon& daemon) : AgentCommandCallback("ravel", "show"), daemon_(daemon) {
    handlerIs("status", [this](int fd, bool json) { showStatus(fd, json); });
    handlerIs("probe", [this](int fd, bool json) { showProbe(fd, json); });
+   handlerIs("state", [this](int fd, bool json) { showState(fd, json); });
    handlerIs("config", [this](int fd, bool) {
       auto* c = daemon_.configService();
       std::string out = c ? renderConfig(c->config()) : std::string("# no configuration\n");
@@ -71,6 +73,52 @@ void ShowCallback::showStatus(int fd, bool json) {
       out += fmt::format("  {} {}\n", path, type.get<std::string>());
    }
    writeAll(fd, out);
+}
+
+// The network state the agent sees, as the providers published it.
+void ShowCallback::showState(int fd, bool json) {
+   auto em = daemon_.entityManager();
+   nlohmann::json j;
+   if (auto vrfs = em->entityAs<AllVrfStatusLocal>("ip/vrf/status/local")) {
+      for (auto& [name, v] : vrfs->vrf) {
+         j["vrfs"][name.str()] = {{"state", toString(v->state())},
+                                  {"nsInode", v->nsInode()},
+                                  {"nsInodeValid", v->nsInodeValid()}};
+      }
+   }
+   if (auto ids = em->entityAs<VrfIdMapStatus>("vrf/vrfIdMapStatus")) {
+      for (auto& [id, name] : ids->vrfName) j["vrfIds"][name.str()] = id;
+   }
+   auto l3 = em->entityAs<L3IntfStatusDir>("l3/intf/status");
+   auto ip = em->entityAs<IpStatus>("ip/status");
+   auto ip6 = em->entityAs<Ip6Status>("ip6/status");
+   if (auto intfs = em->entityAs<AllIntfStatusDir>("interface/status/all")) {
+      for (auto& [id, s] : intfs->intfStatus) {
+         nlohmann::json e = {{"oper", toString(s->operStatus())},
+                             {"mtu", s->mtu()},
+                             {"ifindex", s->snmpIndex()},
+                             {"device", s->deviceName()}};
+         if (auto l = l3 ? l3->intfStatus.get(id) : nullptr) e["vrf"] = l->vrf().str();
+         if (auto a = ip ? ip->ipIntfStatus.get(id) : nullptr) {
+            e["ipv4"] = nlohmann::json::array({a->primaryAddr().str()});
+            for (auto& x : a->secondaryAddrs()) e["ipv4"].push_back(x.str());
+         }
+         if (auto a = ip6 ? ip6->ip6IntfStatus.get(id) : nullptr) {
+            e["ipv6"] = nlohmann::json::array();
+            for (auto& x : a->addrs()) e["ipv6"].push_back(x.str());
+         }
+         j["interfaces"][id.str()] = e;
+      }
+   }
+   if (auto arp = em->entityAs<ArpTableStatus>("arp/status")) {
+      for (auto* t : {&arp->arp, &arp->nd}) {
+         for (auto& [k, v] : *t) {
+            j[t == &arp->arp ? "arp" : "nd"].push_back(
+                {{"vrfId", k.vrfId}, {"addr", k.addr.str()}, {"intf", k.intfId.str()}, {"mac", v.mac}});
+         }
+      }
+   }
+   writeAll(fd, json ? j.dump(2) + "\n" : j.dump(1) + "\n");
 }
 
 void ShowCallback::showProbe(int fd, bool json) {

@@ -21,6 +21,7 @@ public:
 private:
    void showStatus(int fd, bool json);
    void showProbe(int fd, bool json);
+   void showState(int fd, bool json);
    Daemon& daemon_;
    std::map<std::string, Handler> handlers_;
 };
