@@ -1,15 +1,13 @@
 #!/usr/bin/env bash
 # Instructions per request of the probe pipeline (parse + handle + build), counted by
-# callgrind: only RootSm::processOnePacket and what it calls are collected.
+# callgrind over exactly N requests, collecting only inside RootSm::processOnePacket.
 set -euo pipefail
 cd "$(dirname "$0")/.."
+n=${1:-10000}
 out=$(mktemp -d)
 valgrind --tool=callgrind --callgrind-out-file="$out/cg.out" --collect-atstart=no \
   --toggle-collect='Ravel::ProbeResponder::RootSm::processOnePacket*' \
-  build/bin/probe_pipeline_bench --benchmark_filter=BM_ProbePipeline \
-  --benchmark_min_time=0.01 --benchmark_format=json >"$out/bench.json" 2>"$out/vg.log"
-ir=$(callgrind_annotate "$out/cg.out" 2>/dev/null | awk '/PROGRAM TOTALS/ {gsub(",","",$1); print $1; exit}')
-iters=$(/usr/bin/python3 -c "import json,sys; print(json.load(open('$out/bench.json'))['benchmarks'][0]['iterations'])")
-# Google Benchmark runs a few warm-up rounds before the reported one: count them from the log.
-echo "{\"instructions\": $ir, \"reported_iterations\": $iters}"
+  build/bin/probe_pipeline_bench --count "$n" 2>"$out/vg.log"
+ir=$(sed -n 's/.*Collected : \([0-9]*\).*/\1/p' "$out/vg.log")
+echo "{\"requests\": $n, \"instructions\": $ir, \"per_request\": $((ir / n))}"
 rm -rf "$out"

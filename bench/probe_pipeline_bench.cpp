@@ -9,7 +9,6 @@
 #include "probe/ProbeResponderAgent.h"
 
 namespace Ravel::ProbeResponder {
-namespace {
 
 struct Pipeline {
    Scheduler sched{std::make_shared<SimulatedClock>()};
@@ -47,19 +46,21 @@ struct Pipeline {
    }
 };
 
+void onePacket(Pipeline& p, const IpGenAddr& src, const IpGenAddr& dst) {
+   auto e = queueEntryFactory();
+   e->pkt = Pkt::fromBytes(p.wire);
+   e->src = src;
+   e->dst = dst;
+   e->vrf = VrfName::defaultVrf();
+   p.sm->processOnePacket(e);
+   benchmark::DoNotOptimize(p.queues->outputDeq());
+}
+
 // Parse + handle + build, one request at a time, the reply left in the output queue.
 void BM_ProbePipeline(benchmark::State& state) {
    Pipeline p;
    auto src = *IpGenAddr::parse("192.0.2.1"), dst = *IpGenAddr::parse("192.0.2.2");
-   for (auto _ : state) {
-      auto e = queueEntryFactory();
-      e->pkt = Pkt::fromBytes(p.wire);
-      e->src = src;
-      e->dst = dst;
-      e->vrf = VrfName::defaultVrf();
-      p.sm->processOnePacket(e);
-      benchmark::DoNotOptimize(p.queues->outputDeq());
-   }
+   for (auto _ : state) onePacket(p, src, dst);
    if (p.status->codeCount[0] != uint64_t(state.iterations())) state.SkipWithError("no reply");
 }
 BENCHMARK(BM_ProbePipeline);
@@ -74,7 +75,19 @@ void BM_CopyAndChecksum(benchmark::State& state) {
 }
 BENCHMARK(BM_CopyAndChecksum);
 
-}  // namespace
 }  // namespace Ravel::ProbeResponder
 
-BENCHMARK_MAIN();
+// "--count N": exactly N requests and nothing else, for instruction counting under callgrind.
+int main(int argc, char** argv) {
+   if (argc == 3 && std::string(argv[1]) == "--count") {
+      using namespace Ravel;
+      ProbeResponder::Pipeline p;
+      auto src = *IpGenAddr::parse("192.0.2.1"), dst = *IpGenAddr::parse("192.0.2.2");
+      for (long i = 0, n = std::stol(argv[2]); i < n; ++i) ProbeResponder::onePacket(p, src, dst);
+      return 0;
+   }
+   benchmark::Initialize(&argc, argv);
+   benchmark::RunSpecifiedBenchmarks();
+   benchmark::Shutdown();
+   return 0;
+}
