@@ -17,7 +17,9 @@ RootSm::RootSm(Ptr<PamCollection> pamCollection) : pamCollection_(std::move(pamC
    handleInitialized();
 }
 
-void RootSm::handleInitialized() { TRACE(3, ""); }
+void RootSm::handleInitialized() {
+   TRACE(3, "");
+}
 
 Agent::Agent(CAgent* framework) : CAgent(framework) {
    pamCollection_ = make<PamCollection>();
@@ -32,7 +34,8 @@ Agent::~Agent() {
    probeConfig_.reset();
    pamStatus_.reset();
    rootSm_.reset();
-   if (pamSm_) pamSm_->hasNotificationActiveIs(false);
+   if (pamSm_)
+      pamSm_->hasNotificationActiveIs(false);
    pamSm_.reset();
    probeAgent_.reset();
    errorResponderAgent_.reset();
@@ -50,14 +53,16 @@ Agent::~Agent() {
 
 std::string Agent::lumenNameTemplate() const {
    std::string name = this->name();
-   if (!std::getenv("LUMENDIR")) name += "-%d";
+   if (!std::getenv("LUMENDIR"))
+      name += "-%d";
    return name + ".lmn";
 }
 
 void Agent::doInit() {
    TRACE(3, "");
    if (!std::getenv("LUMEN_DISABLE")) {
-      static const uint32_t kRingSizes[lumen::kLevels] = {32, 32, 32, 32, 32, 512, 256, 128, 128, 128};
+      static const uint32_t kRingSizes[lumen::kLevels] = {32,  32,  32,  32,  32,
+                                                          512, 256, 128, 128, 128};
       lumen::initialize(lumenNameTemplate(), kRingSizes, nullptr, 0, 24, 0, true, 512);
    }
    auto mg = entityManager()->mountGroupIs(this);
@@ -99,7 +104,8 @@ void Agent::doMountsComplete(MountStatus status, Ptr<EntityManager> em) {
 }
 
 Ptr<ProbeResponder::Agent> Agent::probeAgentIs(CAgent* cAgent) {
-   if (probeAgent_ && probeAgent_->cAgent() == cAgent) return probeAgent_;
+   if (probeAgent_ && probeAgent_->cAgent() == cAgent)
+      return probeAgent_;
    probeAgent_ = make<ProbeResponder::Agent>(cAgent);
    probeAgent_->pamCollectionIs(pamStatus_ ? pamStatus_->pamCollection() : nullptr);
    return probeAgent_;
@@ -117,8 +123,10 @@ Ptr<ErrorResponder::Agent> Agent::errorResponderAgentIs(CAgent* cAgent) {
 void Agent::pamStatusIs(const Ptr<PamStatus>& s) {
    pamStatus_ = s;
    Ptr<PamCollection> c = s ? s->pamCollection() : nullptr;
-   if (probeAgent_) probeAgent_->pamCollectionIs(c);
-   if (errorResponderAgent_) errorResponderAgent_->pamCollectionIs(c);
+   if (probeAgent_)
+      probeAgent_->pamCollectionIs(c);
+   if (errorResponderAgent_)
+      errorResponderAgent_->pamCollectionIs(c);
 }
 
 Ptr<ShowAgentDebugCallback> Agent::showAgentDebugCallbackIs() {
@@ -180,7 +188,8 @@ void Agent::dumpState(DumpContext& ctx, int indent) const {
    }
    uint32_t shown = 0;
    for (auto& [key, pam] : pams) {
-      if (cut && shown >= ctx.entryLimit()) break;
+      if (cut && shown >= ctx.entryLimit())
+         break;
       ++shown;
       RAVEL_DUMP(ctx, indent, "pam %s\n", key.str().c_str());
       dumpIpPamState(ctx, indent + 4, *pam);
@@ -192,9 +201,11 @@ void Agent::dumpState(DumpContext& ctx, int indent) const {
                  count);
    }
    RAVEL_DUMP(ctx, indent, "\n");
-   if (probeAgent_) probeAgent_->dumpState(ctx, indent);
+   if (probeAgent_)
+      probeAgent_->dumpState(ctx, indent);
    RAVEL_DUMP(ctx, indent, "\n");
-   if (errorResponderAgent_) errorResponderAgent_->dumpState(ctx, indent);
+   if (errorResponderAgent_)
+      errorResponderAgent_->dumpState(ctx, indent);
 }
 
 void dumpIpPamState(DumpContext& ctx, int indent, const IpPam& pam) {

@@ -17,7 +17,7 @@ class Agent;
 
 // Holds per-name PAM maps that nothing fills; kept for the agent's structure.
 class RootSm : public Node {
-public:
+ public:
    explicit RootSm(Ptr<PamCollection> pamCollection);
    void handleInitialized();
    void v4PamIs(const std::string& k, const Ptr<IpPam>& p) { v4Pam_[k] = p; }
@@ -29,7 +29,7 @@ public:
    size_t v4PamCount() const { return v4Pam_.size(); }
    size_t v6PamCount() const { return v6Pam_.size(); }
 
-private:
+ private:
    Ptr<PamCollection> pamCollection_;
    std::map<std::string, Ptr<IpPam>> v4Pam_;
    std::map<std::string, Ptr<IpPam>> v6Pam_;
@@ -38,28 +38,28 @@ private:
 class Agent;
 
 class ShowAgentDebugCallback : public AgentCommandCallback {
-public:
+ public:
    explicit ShowAgentDebugCallback(Agent* agent)
        : AgentCommandCallback("Ravel", "dumpState"), agent_(agent) {}
    void handleCommand(unsigned socketFd, const std::string& command) override;
 
-private:
+ private:
    Agent* agent_;
 };
 
 class ErrorResponderClearCountersCallback : public AgentCommandCallback {
-public:
+ public:
    explicit ErrorResponderClearCountersCallback(Agent* agent)
        : AgentCommandCallback("Ravel", "errorResponderClearCounters"), agent_(agent) {}
    void handleCommand(unsigned socketFd, const std::string& command) override;
 
-private:
+ private:
    Agent* agent_;
 };
 
 // The plug-in: owns the PAM records, the PAM manager and the two sub-agents.
 class Agent : public CAgent {
-public:
+ public:
    explicit Agent(CAgent* framework);
    ~Agent() override;
 
@@ -85,7 +85,7 @@ public:
    // The trace file name template doInit initialises the recorder with.
    std::string lumenNameTemplate() const;
 
-private:
+ private:
    Ptr<PamCollection> pamCollection_;
    Ptr<PamConfig> errConfig_;
    Ptr<PamConfig> probeConfig_;

@@ -8,7 +8,7 @@ namespace Ravel {
 
 // Base of the two sub-agents. The agent core fills the inputs before doMountsComplete.
 class MiniAgent : public Node {
-public:
+ public:
    explicit MiniAgent(CAgent* cAgent) : cAgent_(cAgent) {}
    ~MiniAgent() override;
 
@@ -30,7 +30,7 @@ public:
    const Ptr<PamConfig>& pamConfig() const { return pamConfig_; }
    void pamConfigIs(const Ptr<PamConfig>& p) { pamConfig_ = p; }
 
-private:
+ private:
    Ptr<PamCollection> pamCollection_;
    CAgent* cAgent_;
    Ptr<AllIntfStatusDir> allIntfStatusDir_;
@@ -41,13 +41,13 @@ private:
 };
 
 // Prints one line of a dump: plain at indent 0, otherwise prefixed by `indent` spaces.
-#define RAVEL_DUMP(ctx, indent, format, ...)                               \
-   do {                                                                    \
-      if ((indent) == 0) {                                                 \
-         (ctx).printf(format __VA_OPT__(, ) __VA_ARGS__);                  \
-      } else {                                                             \
+#define RAVEL_DUMP(ctx, indent, format, ...)                                   \
+   do {                                                                        \
+      if ((indent) == 0) {                                                     \
+         (ctx).printf(format __VA_OPT__(, ) __VA_ARGS__);                      \
+      } else {                                                                 \
          (ctx).printf("%*c" format, (indent), ' ' __VA_OPT__(, ) __VA_ARGS__); \
-      }                                                                    \
+      }                                                                        \
    } while (0)
 
 }  // namespace Ravel

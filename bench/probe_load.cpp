@@ -38,7 +38,8 @@ int main(int argc, char** argv) {
    auto dst = IpGenAddr::parse(argv[1]);
    std::string ifname = argv[2];
    double seconds = std::stod(argv[3]);
-   if (!dst || !dst->isV4()) return 2;
+   if (!dst || !dst->isV4())
+      return 2;
    const uint16_t id = static_cast<uint16_t>(getpid());
    auto msg = buildExtendedEchoRequest(AddressFamily::ipv4, id, 1, true, ifname);
 
@@ -62,10 +63,12 @@ int main(int argc, char** argv) {
       uint8_t buf[2048];
       while (!stop.load(std::memory_order_relaxed)) {
          pollfd p{rx, POLLIN, 0};
-         if (poll(&p, 1, 50) <= 0) continue;
+         if (poll(&p, 1, 50) <= 0)
+            continue;
          for (;;) {
             ssize_t n = recv(rx, buf, sizeof buf, MSG_DONTWAIT);
-            if (n <= 0) break;
+            if (n <= 0)
+               break;
             size_t hl = size_t(buf[0] & 0x0f) * 4;
             if (size_t(n) >= hl + 8 && buf[hl] == 43 && (buf[hl + 4] << 8 | buf[hl + 5]) == id) {
                replies.fetch_add(1, std::memory_order_relaxed);
@@ -89,7 +92,8 @@ int main(int argc, char** argv) {
    double end = measureStart + seconds, lastProgress = measureStart;
    while (true) {
       double t = now();
-      if (t >= end) break;
+      if (t >= end)
+         break;
       uint64_t got = replies.load(std::memory_order_relaxed);
       if (got != lastReplies) {
          lastReplies = got;
@@ -99,18 +103,21 @@ int main(int argc, char** argv) {
          lastProgress = t;
       }
       uint64_t inflight = sent - got - lost;
-      if (inflight >= window) continue;
+      if (inflight >= window)
+         continue;
       int want = int(std::min<uint64_t>(kBatch, window - inflight));
       int n = sendmmsg(tx, msgs.data(), unsigned(want), 0);
-      if (n > 0) sent += uint64_t(n);
+      if (n > 0)
+         sent += uint64_t(n);
    }
    double sendSeconds = now() - measureStart;
    usleep(200000);  // replies still in flight
    stop = true;
    counter.join();
-   std::printf("{\"sent\": %llu, \"replies\": %llu, \"seconds\": %.3f, \"sent_per_second\": %.0f, "
-               "\"replies_per_second\": %.0f}\n",
-               (unsigned long long)sent, (unsigned long long)replies.load(), sendSeconds,
-               double(sent) / sendSeconds, double(replies.load()) / sendSeconds);
+   std::printf(
+       "{\"sent\": %llu, \"replies\": %llu, \"seconds\": %.3f, \"sent_per_second\": %.0f, "
+       "\"replies_per_second\": %.0f}\n",
+       (unsigned long long)sent, (unsigned long long)replies.load(), sendSeconds,
+       double(sent) / sendSeconds, double(replies.load()) / sendSeconds);
    return 0;
 }

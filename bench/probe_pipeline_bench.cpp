@@ -37,11 +37,11 @@ struct Pipeline {
          v4->ipv4Running.set(true);
          ip->ipIntfStatus.is(id, v4);
       }
-      sm = make<RootSm>(queues, intfs, l3, make<IfIndexStatus>(), ip, ip6,
-                        make<ArpTableStatus>(), make<VrfIdMapStatus>(), config, status, nullptr);
+      sm = make<RootSm>(queues, intfs, l3, make<IfIndexStatus>(), ip, ip6, make<ArpTableStatus>(),
+                        make<VrfIdMapStatus>(), config, status, nullptr);
       auto icmp = buildExtendedEchoRequest(AddressFamily::ipv4, 1, 1, true, std::string("eth0"));
-      wire = {0x45, 0, 0, uint8_t(20 + icmp.size()), 0, 0, 0, 0, 64, 1, 0, 0, 192, 0, 2, 1,
-              192, 0, 2, 2};
+      wire = {0x45, 0, 0, uint8_t(20 + icmp.size()), 0, 0, 0, 0, 64, 1, 0, 0, 192, 0, 2, 1, 192,
+              0,    2, 2};
       wire.insert(wire.end(), icmp.begin(), icmp.end());
    }
 };
@@ -60,8 +60,10 @@ void onePacket(Pipeline& p, const IpGenAddr& src, const IpGenAddr& dst) {
 void BM_ProbePipeline(benchmark::State& state) {
    Pipeline p;
    auto src = *IpGenAddr::parse("192.0.2.1"), dst = *IpGenAddr::parse("192.0.2.2");
-   for (auto _ : state) onePacket(p, src, dst);
-   if (p.status->codeCount[0] != uint64_t(state.iterations())) state.SkipWithError("no reply");
+   for (auto _ : state)
+      onePacket(p, src, dst);
+   if (p.status->codeCount[0] != uint64_t(state.iterations()))
+      state.SkipWithError("no reply");
 }
 BENCHMARK(BM_ProbePipeline);
 
@@ -83,7 +85,8 @@ int main(int argc, char** argv) {
       using namespace Ravel;
       ProbeResponder::Pipeline p;
       auto src = *IpGenAddr::parse("192.0.2.1"), dst = *IpGenAddr::parse("192.0.2.2");
-      for (long i = 0, n = std::stol(argv[2]); i < n; ++i) ProbeResponder::onePacket(p, src, dst);
+      for (long i = 0, n = std::stol(argv[2]); i < n; ++i)
+         ProbeResponder::onePacket(p, src, dst);
       return 0;
    }
    benchmark::Initialize(&argc, argv);

@@ -6,7 +6,9 @@ RAVEL_TRACE_CATEGORY("ErrorResponderAgent");
 
 namespace Ravel::ErrorResponder {
 
-void Agent::doInit(const Ptr<MountGroup>&) { TRACE(3, "doInit done"); }
+void Agent::doInit(const Ptr<MountGroup>&) {
+   TRACE(3, "doInit done");
+}
 
 void Agent::doMountsComplete(MountStatus status, const Ptr<EntityManager>&) {
    TRACE(3, "{}", toString(status));
@@ -18,7 +20,8 @@ void Agent::dumpState(DumpContext& ctx, int indent) const {
 
 void Agent::clearCounters(unsigned socketFd) {
    // The root state machine arrives with the error responder's data path.
-   DumpContext(static_cast<int>(socketFd)).printf("ErrorResponder::Agent::RootSm not yet initialized!");
+   DumpContext(static_cast<int>(socketFd))
+       .printf("ErrorResponder::Agent::RootSm not yet initialized!");
 }
 
 }  // namespace Ravel::ErrorResponder

@@ -6,7 +6,7 @@ namespace Ravel::ErrorResponder {
 
 // The extended ICMP error responder's sub-agent.
 class Agent : public MiniAgent {
-public:
+ public:
    explicit Agent(CAgent* cAgent) : MiniAgent(cAgent) {}
    void doMountsComplete(MountStatus status, const Ptr<EntityManager>& em) override;
    void doInit(const Ptr<MountGroup>& mountGroup) override;

@@ -25,7 +25,8 @@ PamStatus::~PamStatus() {
 
 Ptr<PamVrfStatus> PamStatus::vrfStatusIs(const VrfName& name, NsInode inode) {
    if (auto existing = vrfStatus.get(name)) {
-      if (existing->nsInode() == inode) return existing;
+      if (existing->nsInode() == inode)
+         return existing;
       throw ReinstantiationError(fmt::format("PamVrfStatus {} exists with nsInode {}, not {}",
                                              name.str(), existing->nsInode(), inode));
    }

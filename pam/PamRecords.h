@@ -8,7 +8,7 @@ namespace Ravel {
 
 // The VRFs for which a responder wants PAMs.
 class PamConfig : public Node {
-public:
+ public:
    void vrfIs(const VrfName& n) { vrf.is(n); }
    bool vrfDel(const VrfName& n) { return vrf.del(n); }
    void vrfDelAll() { vrf.delAll(); }
@@ -19,14 +19,14 @@ public:
 
 // The PAMs created for one VRF.
 class PamVrfStatus : public Node {
-public:
+ public:
    PamVrfStatus(VrfName name, NsInode inode) : vrfName_(std::move(name)), nsInode_(inode) {}
    const VrfName& vrfName() const { return vrfName_; }
    NsInode nsInode() const { return nsInode_; }
    bool probeEnabled() const { return probeEnabled_(); }
    void probeEnabledIs(bool v) { probeEnabled_.set(v); }
 
-private:
+ private:
    const VrfName vrfName_;
    const NsInode nsInode_;
    Attr<bool> probeEnabled_;
@@ -34,7 +34,7 @@ private:
 
 // The open PAM of each (VRF, family).
 class PamCollection : public Node {
-public:
+ public:
    // Inserts, replaces, or with a null pam deletes; the same pam again changes nothing.
    void pamIs(const VrfNameAndAddressFamily& key, const Ptr<IpPam>& pam);
    Ptr<IpPam> pamDel(const VrfNameAndAddressFamily& key);
@@ -50,7 +50,7 @@ struct ReinstantiationError : std::logic_error {
 };
 
 class PamStatus : public Node {
-public:
+ public:
    PamStatus() { pamCollectionIs(); }
    ~PamStatus() override;
 
@@ -62,13 +62,14 @@ public:
 
    const Ptr<PamCollection>& pamCollection() const { return pamCollection_; }
    void pamCollectionIs() {
-      if (!pamCollection_) pamCollection_ = make<PamCollection>();
+      if (!pamCollection_)
+         pamCollection_ = make<PamCollection>();
    }
    void pamCollectionDel() { pamCollection_.reset(); }
 
    Collection<VrfName, Ptr<PamVrfStatus>> vrfStatus;
 
-private:
+ private:
    Ptr<PamCollection> pamCollection_;
 };
 

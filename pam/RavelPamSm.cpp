@@ -60,12 +60,15 @@ PamSm::PamSm(Ptr<PamConfig> errConfig, Ptr<PamConfig> probeConfig,
    hasNotificationActiveIs(true);
 }
 
-PamSm::~PamSm() { hasNotificationActiveIs(false); }
+PamSm::~PamSm() {
+   hasNotificationActiveIs(false);
+}
 
 void PamSm::hasNotificationActiveIs(bool active) {
    inputSubs_.clear();
    vrfStatusSubs_.clear();
-   if (!active) return;
+   if (!active)
+      return;
    inputSubs_.push_back(errConfig_->vrf.subscribe([this](const VrfName& n) { handleVrf(n); }));
    inputSubs_.push_back(probeConfig_->vrf.subscribe([this](const VrfName& n) { handleVrf(n); }));
    if (allVrfStatusLocal_) {
@@ -73,7 +76,8 @@ void PamSm::hasNotificationActiveIs(bool active) {
          watchVrfStatus(n);
          handleVrf(n);
       }));
-      for (auto& [name, status] : allVrfStatusLocal_->vrf) watchVrfStatus(name);
+      for (auto& [name, status] : allVrfStatusLocal_->vrf)
+         watchVrfStatus(name);
    }
 }
 
@@ -81,7 +85,8 @@ void PamSm::hasNotificationActiveIs(bool active) {
 void PamSm::watchVrfStatus(const VrfName& n) {
    vrfStatusSubs_.erase(n);
    auto s = vrfStatusLocal(n);
-   if (!s) return;
+   if (!s)
+      return;
    auto& subs = vrfStatusSubs_[n];
    subs.push_back(s->state.subscribe([this, n] { handleVrf(n); }));
    subs.push_back(s->nsInodeValid.subscribe([this, n] { handleVrf(n); }));
@@ -95,9 +100,11 @@ Ptr<VrfStatusLocal> PamSm::vrfStatusLocal(const VrfName& n) const {
 void PamSm::handleInitialized() {
    TRACE(3, "");
    initialized_ = true;
-   for (const VrfName& n : errConfig_->vrf) handleVrf(n);
+   for (const VrfName& n : errConfig_->vrf)
+      handleVrf(n);
    for (const VrfName& n : probeConfig_->vrf) {
-      if (!errConfig_->vrfHas(n)) handleVrf(n);
+      if (!errConfig_->vrfHas(n))
+         handleVrf(n);
    }
 }
 
@@ -107,8 +114,8 @@ void PamSm::handleVrf(const VrfName& vrfName) {
    bool configured = errConfig_->vrfHas(vrfName) || probeWanted;
    bool isDefault = vrfName.isDefault();
    auto entry = vrfStatusLocal(vrfName);
-   bool statusAvailable = isDefault || (entry && entry->state() == VrfState::active &&
-                                        entry->nsInodeValid());
+   bool statusAvailable =
+       isDefault || (entry && entry->state() == VrfState::active && entry->nsInodeValid());
    TRACE(4, "vrfConfigured {}", configured);
    TRACE(4, "vrfStatusAvailable {}", statusAvailable);
 
@@ -167,7 +174,8 @@ std::pair<uint64_t, uint64_t> PamSm::runBacklog() {
       vrfBacklogProcessing_ = true;
       // Resume at the bookmark and wrap around, so that names sorting before it are not lost.
       std::vector<VrfName> order;
-      auto start = vrfBacklogBookmark_ ? working.lower_bound(*vrfBacklogBookmark_) : working.begin();
+      auto start =
+          vrfBacklogBookmark_ ? working.lower_bound(*vrfBacklogBookmark_) : working.begin();
       order.insert(order.end(), start, working.end());
       order.insert(order.end(), working.begin(), start);
       for (size_t i = 0; i < order.size(); ++i) {
@@ -191,19 +199,22 @@ void PamSm::handleVrfBacklogTaskRun() {
    TRACE(3, "backlog {} names", vrfBacklog_.size());
    if (vrfBacklogProcessing_) {
       vrfBacklogTask_.pendingWorkIs(vrfBacklog_.size());
-      if (!vrfBacklog_.empty()) vrfBacklogTask_.scheduleTask();
+      if (!vrfBacklog_.empty())
+         vrfBacklogTask_.scheduleTask();
       return;
    }
    auto [processed, remaining] = runBacklog();
    vrfBacklogTask_.workCountInc(processed);
    vrfBacklogTask_.pendingWorkIs(remaining);
-   if (remaining) vrfBacklogTask_.scheduleTask();
+   if (remaining)
+      vrfBacklogTask_.scheduleTask();
    TRACE(4, "progress: ({}/{})", processed, remaining);
 }
 
 void PamSm::vrfBacklogProcessElem(const VrfName& vrfName) {
    TRACE(5, "vrfName: {}", vrfName);
-   if (processVrf(vrfName)) scheduleRetry(vrfName);
+   if (processVrf(vrfName))
+      scheduleRetry(vrfName);
 }
 
 bool PamSm::processVrf(const VrfName& vrfName) {
@@ -222,11 +233,13 @@ bool PamSm::processVrf(const VrfName& vrfName) {
       return false;
    };
    if (vrfName.isDefault()) {
-      if (!configured) return notCreated(true);
+      if (!configured)
+         return notCreated(true);
    } else if (!entry) {
       return notCreated(false);
    } else if (entry->state() != VrfState::active || !entry->nsInodeValid()) {
-      if (!configured) return notCreated(true);
+      if (!configured)
+         return notCreated(true);
       TRACE(4, "Not creating PAMs, vrf not active, state is {}, nsInode {}",
             toString(entry->state()), entry->nsInodeValid());
       return false;
@@ -272,10 +285,10 @@ Ptr<IpPam> PamSm::createPam(const VrfName& vrfName, AddressFamily af) {
       return pam;
    } catch (const Errno& e) {
       int captured = errno;
-      TRACE(1,
-            "Pam creation for vrfName: {} af: {} threw errno exception: {} what: {} error: {}",
+      TRACE(1, "Pam creation for vrfName: {} af: {} threw errno exception: {} what: {} error: {}",
             vrfName, af, e.errnoValue(), e.what(), std::strerror(captured));
-      if (captured == ENOENT || captured == EINVAL) return nullptr;
+      if (captured == ENOENT || captured == EINVAL)
+         return nullptr;
       errno = captured;
       throw Errno(e);
    }
@@ -291,11 +304,13 @@ void PamSm::scheduleRetry(const VrfName& vrfName) {
 
 void PamSm::handleVrfRetryTaskRun() {
    TRACE(3, "failedPam {} names", failedPam_.size());
-   if (failedPam_.empty()) return;
+   if (failedPam_.empty())
+      return;
    VrfName name = *failedPam_.begin();
    failedPamDel(name);
    TRACE(4, "Extracted from set {}", name);
-   if (processVrf(name)) scheduleRetry(name);
+   if (processVrf(name))
+      scheduleRetry(name);
 }
 
 }  // namespace Ravel

@@ -15,7 +15,7 @@ namespace Ravel {
 // Decides per VRF whether it must have PAMs, creates them outside reactor callbacks (backlog
 // task), retries failed creations from a timer, and records them in PamStatus.
 class PamSm : public Node {
-public:
+ public:
    static const SockFilterProgram v4ProbeFilter;
    static const SockFilterProgram v6ProbeFilter;
    static const SockFilterProgram dropAllFilter;
@@ -54,7 +54,7 @@ public:
    bool initialized() const { return initialized_; }
    Operation lastOperation() const { return lastOperation_; }
 
-private:
+ private:
    // (processed, remaining)
    std::pair<uint64_t, uint64_t> runBacklog();
    Ptr<VrfStatusLocal> vrfStatusLocal(const VrfName& n) const;

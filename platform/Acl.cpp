@@ -4,7 +4,9 @@
 
 namespace Ravel {
 
-const char* toString(AclAction a) { return a == AclAction::permit ? "permit" : "deny"; }
+const char* toString(AclAction a) {
+   return a == AclAction::permit ? "permit" : "deny";
+}
 
 std::optional<IpPrefix> IpPrefix::parse(std::string_view text, AddressFamily af) {
    IpPrefix p;
@@ -14,7 +16,8 @@ std::optional<IpPrefix> IpPrefix::parse(std::string_view text, AddressFamily af)
    }
    auto slash = text.find('/');
    auto a = IpGenAddr::parse(text.substr(0, slash));
-   if (!a || (af != AddressFamily::ipunknown && a->af() != af)) return std::nullopt;
+   if (!a || (af != AddressFamily::ipunknown && a->af() != af))
+      return std::nullopt;
    unsigned max = a->isV4() ? 32 : 128;
    unsigned len = max;
    if (slash != std::string_view::npos) {
@@ -29,21 +32,25 @@ std::optional<IpPrefix> IpPrefix::parse(std::string_view text, AddressFamily af)
    // Host bits set usually mean a typo; refuse rather than guess.
    auto b = a->bytes();
    for (unsigned bit = len; bit < max; ++bit) {
-      if (b[bit / 8] & (0x80 >> (bit % 8))) return std::nullopt;
+      if (b[bit / 8] & (0x80 >> (bit % 8)))
+         return std::nullopt;
    }
    return p;
 }
 
 bool IpPrefix::contains(std::span<const uint8_t> other) const {
    auto mine = addr.bytes();
-   if (other.size() != mine.size()) return false;
+   if (other.size() != mine.size())
+      return false;
    unsigned full = len / 8, rest = len % 8;
    for (unsigned i = 0; i < full; ++i) {
-      if (mine[i] != other[i]) return false;
+      if (mine[i] != other[i])
+         return false;
    }
    if (rest) {
       uint8_t mask = static_cast<uint8_t>(0xff << (8 - rest));
-      if ((mine[full] & mask) != (other[full] & mask)) return false;
+      if ((mine[full] & mask) != (other[full] & mask))
+         return false;
    }
    return true;
 }
@@ -56,8 +63,10 @@ namespace {
 AclMatch match(const AclList& acl, uint8_t proto, std::span<const uint8_t> src,
                std::span<const uint8_t> dst) {
    for (auto& r : acl.rules) {
-      if (r.protocol && *r.protocol != proto) continue;
-      if (!r.source.contains(src) || !r.destination.contains(dst)) continue;
+      if (r.protocol && *r.protocol != proto)
+         continue;
+      if (!r.source.contains(src) || !r.destination.contains(dst))
+         continue;
       return {true, r.action};
    }
    return {};
@@ -65,12 +74,14 @@ AclMatch match(const AclList& acl, uint8_t proto, std::span<const uint8_t> src,
 }  // namespace
 
 AclMatch matchesIpAcl(const AclList& acl, std::span<const uint8_t> h) {
-   if (h.size() < 20 || (h[0] >> 4) != 4) return {};
+   if (h.size() < 20 || (h[0] >> 4) != 4)
+      return {};
    return match(acl, h[9], h.subspan(12, 4), h.subspan(16, 4));
 }
 
 AclMatch matchesIp6Acl(const AclList& acl, std::span<const uint8_t> h) {
-   if (h.size() < 40 || (h[0] >> 4) != 6) return {};
+   if (h.size() < 40 || (h[0] >> 4) != 6)
+      return {};
    return match(acl, h[6], h.subspan(8, 16), h.subspan(24, 16));
 }
 

@@ -54,7 +54,7 @@ AclMatch matchesIp6Acl(const AclList& acl, std::span<const uint8_t> ipv6Header);
 
 // The lists of one family, by name.
 class AclTypeConfig : public Node {
-public:
+ public:
    Collection<std::string, AclList> acl;
 };
 
@@ -63,7 +63,7 @@ public:
 // them in step.
 class AclConfig : public Entity {
    RAVEL_ENTITY_TYPE(AclConfig, "Acl::Config")
-public:
+ public:
    Ptr<AclTypeConfig> ipv4 = make<AclTypeConfig>();
    Ptr<AclTypeConfig> ipv6 = make<AclTypeConfig>();
    const Ptr<AclTypeConfig>& of(AddressFamily af) const {

@@ -19,8 +19,10 @@ bool gRequestVerbose = false;
 void writeAll(int fd, std::string_view text) {
    while (!text.empty()) {
       ssize_t n = ::write(fd, text.data(), text.size());
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) return;
+      if (n < 0 && errno == EINTR)
+         continue;
+      if (n <= 0)
+         return;
       text.remove_prefix(static_cast<size_t>(n));
    }
 }
@@ -36,7 +38,8 @@ void DumpContext::printf(const char* format, ...) {
    va_start(ap, format);
    int n = std::vsnprintf(stackBuf, sizeof stackBuf, format, ap);
    va_end(ap);
-   if (n < 0) return;
+   if (n < 0)
+      return;
    if (static_cast<size_t>(n) < sizeof stackBuf) {
       writeAll(fd_, {stackBuf, static_cast<size_t>(n)});
       return;
@@ -53,12 +56,15 @@ Ptr<AgentCommandCallback> AgentCommandRequestDirSm::callback(const std::string& 
    return it == callbacks_.end() ? nullptr : it->second;
 }
 
-bool AgentCommandRequestDirSm::requestVerbose() { return gRequestVerbose; }
+bool AgentCommandRequestDirSm::requestVerbose() {
+   return gRequestVerbose;
+}
 
 bool AgentCommandRequestDirSm::dispatch(int fd, const std::string& request) {
    std::string_view req(request);
    gRequestVerbose = req.starts_with("-v ");
-   if (gRequestVerbose) req.remove_prefix(3);
+   if (gRequestVerbose)
+      req.remove_prefix(3);
    auto space = req.find(' ');
    std::string name(req.substr(0, space));
    std::string command(space == std::string_view::npos ? "" : req.substr(space + 1));

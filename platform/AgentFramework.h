@@ -12,7 +12,7 @@ namespace Ravel {
 
 // Output of a state dump: printf-style writes to the requesting client's socket.
 class DumpContext {
-public:
+ public:
    static constexpr uint32_t kDefaultEntryLimit = 100;
    // Verbosity defaults to what the client asked for in the current request.
    explicit DumpContext(int fd);
@@ -25,7 +25,7 @@ public:
    void wasTruncatedIs(bool v) { wasTruncated_ = v; }
    void printf(const char* format, ...) __attribute__((format(printf, 2, 3)));
 
-private:
+ private:
    int fd_;
    bool verbose_;
    uint32_t entryLimit_;
@@ -37,7 +37,7 @@ void writeAll(int fd, std::string_view text);
 
 // A command an agent serves. The handler writes its reply straight to the client's socket.
 class AgentCommandCallback : public Node {
-public:
+ public:
    AgentCommandCallback(std::string agentName, std::string commandName)
        : agentName_(std::move(agentName)), commandName_(std::move(commandName)) {}
    virtual void handleCommand(unsigned socketFd, const std::string& command) = 0;
@@ -48,7 +48,7 @@ public:
    Node* parent() const { return parent_; }
    void parentIs(Node* p) { parent_ = p; }
 
-private:
+ private:
    std::string agentName_;
    std::string commandName_;
    Node* parent_ = nullptr;
@@ -56,7 +56,7 @@ private:
 
 // The registry of command callbacks, by command name.
 class AgentCommandRequestDirSm : public Node {
-public:
+ public:
    void callbackIs(Ptr<AgentCommandCallback> cb) { callbacks_[cb->name()] = cb; }
    void callbackDel(const std::string& name) { callbacks_.erase(name); }
    Ptr<AgentCommandCallback> callback(const std::string& name) const;
@@ -67,21 +67,21 @@ public:
    bool dispatch(int fd, const std::string& request);
    static bool requestVerbose();
 
-private:
+ private:
    std::map<std::string, Ptr<AgentCommandCallback>> callbacks_;
 };
 
 // "agent/debug/registry/<agent>": how the debug dump of an agent is reached.
 class ShowDebug : public Entity {
    RAVEL_ENTITY_TYPE(ShowDebug, "Agent::ShowDebug")
-public:
+ public:
    Attr<std::string> commandType;
 };
 
 // The framework's agent object. The hosting daemon creates one for the plug-in and hands it to
 // the plug-in's factory, whose agent copies it as its base.
 class CAgent : public Node {
-public:
+ public:
    CAgent(std::string name, Ptr<EntityManager> em, Ptr<AgentCommandRequestDirSm> commands);
    explicit CAgent(CAgent* framework);
 
@@ -98,7 +98,7 @@ public:
    void localEntitiesCreatedIs(bool v) { localEntitiesCreated_ = v; }
    bool localEntitiesCreated() const { return localEntitiesCreated_; }
 
-private:
+ private:
    std::string name_;
    Ptr<EntityManager> em_;
    Ptr<AgentCommandRequestDirSm> commands_;

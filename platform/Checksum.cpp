@@ -19,8 +19,10 @@ uint32_t checksumPartial(std::span<const uint8_t> data, uint32_t sum) {
       p += 2;
       n -= 2;
    }
-   if (n) acc += uint32_t{p[0]} << 8;
-   while (acc >> 32) acc = (acc & 0xffffffffu) + (acc >> 32);
+   if (n)
+      acc += uint32_t{p[0]} << 8;
+   while (acc >> 32)
+      acc = (acc & 0xffffffffu) + (acc >> 32);
    return static_cast<uint32_t>(acc);
 }
 

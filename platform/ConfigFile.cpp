@@ -12,7 +12,7 @@ namespace Ravel {
 namespace {
 
 class Parser {
-public:
+ public:
    explicit Parser(std::string file) : file_(std::move(file)) {}
 
    [[noreturn]] void fail(const YAML::Node& at, const std::string& key, const std::string& what) {
@@ -21,19 +21,26 @@ public:
    }
 
    std::string scalarText(const YAML::Node& n) {
-      if (n.IsScalar()) return n.Scalar();
-      if (n.IsMap()) return "a map";
-      if (n.IsSequence()) return "a list";
+      if (n.IsScalar())
+         return n.Scalar();
+      if (n.IsMap())
+         return "a map";
+      if (n.IsSequence())
+         return "a list";
       return "nothing";
    }
 
    // A map (null counts as empty) whose keys are all in `allowed`.
-   void checkMap(const YAML::Node& n, const std::string& key, const std::set<std::string>& allowed) {
-      if (n.IsNull()) return;
-      if (!n.IsMap()) fail(n, key, fmt::format("expected a map, got {}", scalarText(n)));
+   void checkMap(const YAML::Node& n, const std::string& key,
+                 const std::set<std::string>& allowed) {
+      if (n.IsNull())
+         return;
+      if (!n.IsMap())
+         fail(n, key, fmt::format("expected a map, got {}", scalarText(n)));
       for (auto it = n.begin(); it != n.end(); ++it) {
          std::string k = it->first.as<std::string>();
-         if (!allowed.count(k)) fail(it->first, join(key, k), fmt::format("unknown key \"{}\"", k));
+         if (!allowed.count(k))
+            fail(it->first, join(key, k), fmt::format("unknown key \"{}\"", k));
       }
    }
 
@@ -52,8 +59,8 @@ public:
    uint64_t unsignedNum(const YAML::Node& n, const std::string& key, uint64_t max) {
       uint64_t v = 0;
       const std::string& s = n.IsScalar() ? n.Scalar() : std::string();
-      bool ok = n.IsScalar() && !s.empty() && s.find_first_not_of("0123456789") == std::string::npos &&
-                s.size() <= 20;
+      bool ok = n.IsScalar() && !s.empty() &&
+                s.find_first_not_of("0123456789") == std::string::npos && s.size() <= 20;
       if (ok) {
          try {
             v = std::stoull(s);
@@ -62,13 +69,15 @@ public:
          }
       }
       if (!ok || v > max) {
-         fail(n, key, fmt::format("expected a number from 0 to {}, got \"{}\"", max, scalarText(n)));
+         fail(n, key,
+              fmt::format("expected a number from 0 to {}, got \"{}\"", max, scalarText(n)));
       }
       return v;
    }
 
    std::string text(const YAML::Node& n, const std::string& key) {
-      if (!n.IsScalar()) fail(n, key, fmt::format("expected a string, got {}", scalarText(n)));
+      if (!n.IsScalar())
+         fail(n, key, fmt::format("expected a string, got {}", scalarText(n)));
       return n.Scalar();
    }
 
@@ -93,46 +102,64 @@ public:
    RavelConfig parse(const YAML::Node& root) {
       RavelConfig c;
       checkMap(root, "", {"probe", "error-responder", "acls"});
-      if (root.IsNull()) return c;
-      if (auto p = root["probe"]) parseProbe(p, c.probe);
-      if (auto e = root["error-responder"]) parseError(e, c.errorResponder);
-      if (auto a = root["acls"]) parseAcls(a, c);
+      if (root.IsNull())
+         return c;
+      if (auto p = root["probe"])
+         parseProbe(p, c.probe);
+      if (auto e = root["error-responder"])
+         parseError(e, c.errorResponder);
+      if (auto a = root["acls"])
+         parseAcls(a, c);
       return c;
    }
 
    void parseProbe(const YAML::Node& n, ProbeSettings& p) {
       const std::string k = "probe";
       checkMap(n, k, {"enabled", "ifname", "ifindex", "ifaddr", "remote", "max-queue-length"});
-      if (n.IsNull()) return;
-      if (auto v = n["enabled"]) p.enabled = boolean(v, k + ".enabled");
-      if (auto v = n["ifname"]) p.ifname = boolean(v, k + ".ifname");
-      if (auto v = n["ifindex"]) p.ifindex = boolean(v, k + ".ifindex");
-      if (auto v = n["ifaddr"]) p.ifaddr = boolean(v, k + ".ifaddr");
-      if (auto v = n["remote"]) p.remote = boolean(v, k + ".remote");
+      if (n.IsNull())
+         return;
+      if (auto v = n["enabled"])
+         p.enabled = boolean(v, k + ".enabled");
+      if (auto v = n["ifname"])
+         p.ifname = boolean(v, k + ".ifname");
+      if (auto v = n["ifindex"])
+         p.ifindex = boolean(v, k + ".ifindex");
+      if (auto v = n["ifaddr"])
+         p.ifaddr = boolean(v, k + ".ifaddr");
+      if (auto v = n["remote"])
+         p.remote = boolean(v, k + ".remote");
       if (auto v = n["max-queue-length"]) {
-         p.maxQueueLength = static_cast<uint32_t>(unsignedNum(v, k + ".max-queue-length", UINT32_MAX));
+         p.maxQueueLength =
+             static_cast<uint32_t>(unsignedNum(v, k + ".max-queue-length", UINT32_MAX));
       }
    }
 
    void parseError(const YAML::Node& n, ErrorSettings& e) {
       const std::string k = "error-responder";
-      checkMap(n, k, {"enabled", "add-host-name", "node-id-code-point", "ring-buffer-size",
-                      "vrf-map-size", "vrfs"});
-      if (n.IsNull()) return;
-      if (auto v = n["enabled"]) e.enabled = ErrorResponder::TriState::of(boolean(v, k + ".enabled"));
-      if (auto v = n["add-host-name"]) e.addHostName = boolean(v, k + ".add-host-name");
+      checkMap(n, k,
+               {"enabled", "add-host-name", "node-id-code-point", "ring-buffer-size",
+                "vrf-map-size", "vrfs"});
+      if (n.IsNull())
+         return;
+      if (auto v = n["enabled"])
+         e.enabled = ErrorResponder::TriState::of(boolean(v, k + ".enabled"));
+      if (auto v = n["add-host-name"])
+         e.addHostName = boolean(v, k + ".add-host-name");
       if (auto v = n["node-id-code-point"]) {
          e.nodeIdCodePoint = static_cast<uint8_t>(unsignedNum(v, k + ".node-id-code-point", 255));
       }
       if (auto v = n["ring-buffer-size"]) {
-         e.ringBufferSize = static_cast<uint32_t>(unsignedNum(v, k + ".ring-buffer-size", UINT32_MAX));
+         e.ringBufferSize =
+             static_cast<uint32_t>(unsignedNum(v, k + ".ring-buffer-size", UINT32_MAX));
       }
       if (auto v = n["vrf-map-size"]) {
          e.vrfMapSize = static_cast<uint32_t>(unsignedNum(v, k + ".vrf-map-size", UINT32_MAX));
       }
       auto vrfs = n["vrfs"];
-      if (!vrfs || vrfs.IsNull()) return;
-      if (!vrfs.IsMap()) fail(vrfs, k + ".vrfs", fmt::format("expected a map, got {}", scalarText(vrfs)));
+      if (!vrfs || vrfs.IsNull())
+         return;
+      if (!vrfs.IsMap())
+         fail(vrfs, k + ".vrfs", fmt::format("expected a map, got {}", scalarText(vrfs)));
       for (auto it = vrfs.begin(); it != vrfs.end(); ++it) {
          std::string name = it->first.as<std::string>();
          std::string vk = k + ".vrfs." + name;
@@ -142,7 +169,8 @@ public:
          } catch (const std::length_error&) {
             fail(it->first, vk, fmt::format("VRF name longer than {} bytes", VrfName::kMaxLen));
          }
-         if (name.empty()) fail(it->first, vk, "empty VRF name");
+         if (name.empty())
+            fail(it->first, vk, "empty VRF name");
          e.vrfs[vrf] = parseVrf(it->second, vk);
       }
    }
@@ -150,16 +178,22 @@ public:
    ErrorVrfSettings parseVrf(const YAML::Node& n, const std::string& k) {
       ErrorVrfSettings s;
       checkMap(n, k, {"enabled", "ipv4-acl", "ipv6-acl", "node-id"});
-      if (n.IsNull()) return s;
-      if (auto v = n["enabled"]) s.enabled = ErrorResponder::TriState::of(boolean(v, k + ".enabled"));
-      if (auto v = n["ipv4-acl"]) s.ipv4Acl = text(v, k + ".ipv4-acl");
-      if (auto v = n["ipv6-acl"]) s.ipv6Acl = text(v, k + ".ipv6-acl");
+      if (n.IsNull())
+         return s;
+      if (auto v = n["enabled"])
+         s.enabled = ErrorResponder::TriState::of(boolean(v, k + ".enabled"));
+      if (auto v = n["ipv4-acl"])
+         s.ipv4Acl = text(v, k + ".ipv4-acl");
+      if (auto v = n["ipv6-acl"])
+         s.ipv6Acl = text(v, k + ".ipv6-acl");
       if (auto id = n["node-id"]) {
          std::string ik = k + ".node-id";
          checkMap(id, ik, {"ipv4", "ipv6", "interface"});
          if (!id.IsNull()) {
-            if (auto v = id["ipv4"]) s.nodeId.ipv4 = address(v, ik + ".ipv4", AddressFamily::ipv4);
-            if (auto v = id["ipv6"]) s.nodeId.ipv6 = address(v, ik + ".ipv6", AddressFamily::ipv6);
+            if (auto v = id["ipv4"])
+               s.nodeId.ipv4 = address(v, ik + ".ipv4", AddressFamily::ipv4);
+            if (auto v = id["ipv6"])
+               s.nodeId.ipv6 = address(v, ik + ".ipv6", AddressFamily::ipv6);
             if (auto v = id["interface"]) {
                try {
                   s.nodeId.interface = IntfId(text(v, ik + ".interface"));
@@ -174,13 +208,16 @@ public:
 
    void parseAcls(const YAML::Node& n, RavelConfig& c) {
       checkMap(n, "acls", {"ipv4", "ipv6"});
-      if (n.IsNull()) return;
+      if (n.IsNull())
+         return;
       for (auto [fam, af, out] : {std::tuple{"ipv4", AddressFamily::ipv4, &c.ipv4Acls},
                                   std::tuple{"ipv6", AddressFamily::ipv6, &c.ipv6Acls}}) {
          auto lists = n[fam];
          std::string k = std::string("acls.") + fam;
-         if (!lists || lists.IsNull()) continue;
-         if (!lists.IsMap()) fail(lists, k, fmt::format("expected a map, got {}", scalarText(lists)));
+         if (!lists || lists.IsNull())
+            continue;
+         if (!lists.IsMap())
+            fail(lists, k, fmt::format("expected a map, got {}", scalarText(lists)));
          for (auto it = lists.begin(); it != lists.end(); ++it) {
             std::string name = it->first.as<std::string>();
             std::string lk = k + "." + name;
@@ -190,7 +227,8 @@ public:
                fail(rules, lk, fmt::format("expected a list of rules, got {}", scalarText(rules)));
             }
             size_t i = 0;
-            for (const auto& r : rules) acl.rules.push_back(parseRule(r, fmt::format("{}[{}]", lk, i++), af));
+            for (const auto& r : rules)
+               acl.rules.push_back(parseRule(r, fmt::format("{}[{}]", lk, i++), af));
             (*out)[name] = std::move(acl);
          }
       }
@@ -202,7 +240,8 @@ public:
       r.source = *IpPrefix::parse("any", af);
       r.destination = r.source;
       auto action = n["action"];
-      if (!action) fail(n, k + ".action", "a rule needs an action");
+      if (!action)
+         fail(n, k + ".action", "a rule needs an action");
       std::string a = text(action, k + ".action");
       if (a == "permit") {
          r.action = AclAction::permit;
@@ -211,8 +250,10 @@ public:
       } else {
          fail(action, k + ".action", fmt::format("expected permit or deny, got \"{}\"", a));
       }
-      if (auto v = n["source"]) r.source = prefix(v, k + ".source", af);
-      if (auto v = n["destination"]) r.destination = prefix(v, k + ".destination", af);
+      if (auto v = n["source"])
+         r.source = prefix(v, k + ".source", af);
+      if (auto v = n["destination"])
+         r.destination = prefix(v, k + ".destination", af);
       if (auto v = n["protocol"]) {
          static const std::map<std::string, uint8_t> names = {
              {"icmp", 1}, {"tcp", 6}, {"udp", 17}, {"icmpv6", 58}};
@@ -228,7 +269,7 @@ public:
       return r;
    }
 
-private:
+ private:
    std::string file_;
 };
 
@@ -246,7 +287,8 @@ RavelConfig parseConfigText(const std::string& text, const std::string& fileName
 
 RavelConfig parseConfigFile(const std::string& path) {
    std::ifstream in(path);
-   if (!in) throw ConfigError(fmt::format("{}: cannot read the configuration file", path));
+   if (!in)
+      throw ConfigError(fmt::format("{}: cannot read the configuration file", path));
    std::stringstream ss;
    ss << in.rdbuf();
    return parseConfigText(ss.str(), path);
@@ -265,7 +307,8 @@ std::string renderConfig(const RavelConfig& c) {
    out << YAML::EndMap;
    const auto& e = c.errorResponder;
    out << YAML::Key << "error-responder" << YAML::Value << YAML::BeginMap;
-   if (e.enabled.isSet) out << YAML::Key << "enabled" << YAML::Value << e.enabled.value;
+   if (e.enabled.isSet)
+      out << YAML::Key << "enabled" << YAML::Value << e.enabled.value;
    out << YAML::Key << "add-host-name" << YAML::Value << e.addHostName;
    out << YAML::Key << "node-id-code-point" << YAML::Value << unsigned{e.nodeIdCodePoint};
    out << YAML::Key << "ring-buffer-size" << YAML::Value << e.ringBufferSize;
@@ -273,13 +316,18 @@ std::string renderConfig(const RavelConfig& c) {
    out << YAML::Key << "vrfs" << YAML::Value << YAML::BeginMap;
    for (auto& [name, v] : e.vrfs) {
       out << YAML::Key << name.str() << YAML::Value << YAML::BeginMap;
-      if (v.enabled.isSet) out << YAML::Key << "enabled" << YAML::Value << v.enabled.value;
-      if (!v.ipv4Acl.empty()) out << YAML::Key << "ipv4-acl" << YAML::Value << v.ipv4Acl;
-      if (!v.ipv6Acl.empty()) out << YAML::Key << "ipv6-acl" << YAML::Value << v.ipv6Acl;
+      if (v.enabled.isSet)
+         out << YAML::Key << "enabled" << YAML::Value << v.enabled.value;
+      if (!v.ipv4Acl.empty())
+         out << YAML::Key << "ipv4-acl" << YAML::Value << v.ipv4Acl;
+      if (!v.ipv6Acl.empty())
+         out << YAML::Key << "ipv6-acl" << YAML::Value << v.ipv6Acl;
       if (!(v.nodeId == ErrorResponder::NodeIdVrfConfig{})) {
          out << YAML::Key << "node-id" << YAML::Value << YAML::BeginMap;
-         if (v.nodeId.ipv4.isV4()) out << YAML::Key << "ipv4" << YAML::Value << v.nodeId.ipv4.str();
-         if (v.nodeId.ipv6.isV6()) out << YAML::Key << "ipv6" << YAML::Value << v.nodeId.ipv6.str();
+         if (v.nodeId.ipv4.isV4())
+            out << YAML::Key << "ipv4" << YAML::Value << v.nodeId.ipv4.str();
+         if (v.nodeId.ipv6.isV6())
+            out << YAML::Key << "ipv6" << YAML::Value << v.nodeId.ipv6.str();
          if (!v.nodeId.interface.empty()) {
             out << YAML::Key << "interface" << YAML::Value << v.nodeId.interface.str();
          }

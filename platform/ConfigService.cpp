@@ -24,28 +24,35 @@ Ptr<T> entityAt(EntityManager& em, const std::string& path) {
 void applyAcls(AclTypeConfig& dst, const std::map<std::string, AclList>& lists) {
    std::vector<std::string> gone;
    for (auto& [name, acl] : dst.acl) {
-      if (!lists.count(name)) gone.push_back(name);
+      if (!lists.count(name))
+         gone.push_back(name);
    }
-   for (auto& n : gone) dst.acl.del(n);
-   for (auto& [name, acl] : lists) dst.acl.is(name, acl);
+   for (auto& n : gone)
+      dst.acl.del(n);
+   for (auto& [name, acl] : lists)
+      dst.acl.is(name, acl);
 }
 
 }  // namespace
 
 ConfigService::ConfigService(Scheduler& sched, Ptr<EntityManager> em, std::string path)
     : sched_(sched), em_(std::move(em)), path_(std::move(path)) {
-   if (!path_.empty()) config_ = parseConfigFile(path_);
+   if (!path_.empty())
+      config_ = parseConfigFile(path_);
    apply(config_);
-   if (!path_.empty()) watchFile();
+   if (!path_.empty())
+      watchFile();
 }
 
 ConfigService::~ConfigService() {
    watchTask_.reset();
-   if (inotifyFd_ >= 0) ::close(inotifyFd_);
+   if (inotifyFd_ >= 0)
+      ::close(inotifyFd_);
 }
 
 bool ConfigService::reload() {
-   if (path_.empty()) return true;
+   if (path_.empty())
+      return true;
    RavelConfig next;
    try {
       next = parseConfigFile(path_);
@@ -55,7 +62,8 @@ bool ConfigService::reload() {
       return false;
    }
    lastError_.clear();
-   if (next == config_) return true;
+   if (next == config_)
+      return true;
    config_ = std::move(next);
    apply(config_);
    TRACE(3, "configuration reloaded from {}", path_);
@@ -77,19 +85,23 @@ void ConfigService::apply(const RavelConfig& c) {
       const auto& e = c.errorResponder;
       std::vector<VrfName> gone;
       for (auto& [name, v] : er->vrfConfig) {
-         if (!e.vrfs.count(name)) gone.push_back(name);
+         if (!e.vrfs.count(name))
+            gone.push_back(name);
       }
-      for (auto& n : gone) er->vrfConfig.del(n);
+      for (auto& n : gone)
+         er->vrfConfig.del(n);
       for (auto& [name, v] : e.vrfs) {
          auto vc = er->vrfConfig.get(name);
          bool fresh = !vc;
-         if (fresh) vc = make<ErrorResponder::VrfConfig>(name);
+         if (fresh)
+            vc = make<ErrorResponder::VrfConfig>(name);
          vc->enabled.set(v.enabled);
          vc->v4AclName.set(v.ipv4Acl);
          vc->v6AclName.set(v.ipv6Acl);
          vc->nodeIdConfig.set(v.nodeId);
          // Published complete: reactors see a new VRF with its attributes already set.
-         if (fresh) er->vrfConfig.is(name, vc);
+         if (fresh)
+            er->vrfConfig.is(name, vc);
       }
       er->addHostName.set(e.addHostName);
       er->nodeIdCodePoint.set(e.nodeIdCodePoint);
@@ -99,9 +111,11 @@ void ConfigService::apply(const RavelConfig& c) {
       ebpf->ringBufSz.set(c.errorResponder.ringBufferSize);
       ebpf->vrfMapSz.set(c.errorResponder.vrfMapSize);
    }
-   for (auto* acls : {entityAt<AclConfig>(*em_, "acl/config/cli").get(),
-                      static_cast<AclConfig*>(entityAt<AclInput>(*em_, "acl/config/input").get())}) {
-      if (!acls) continue;
+   for (auto* acls :
+        {entityAt<AclConfig>(*em_, "acl/config/cli").get(),
+         static_cast<AclConfig*>(entityAt<AclInput>(*em_, "acl/config/input").get())}) {
+      if (!acls)
+         continue;
       applyAcls(*acls->ipv4, c.ipv4Acls);
       applyAcls(*acls->ipv6, c.ipv6Acls);
    }
@@ -131,14 +145,17 @@ void ConfigService::handleFileEvent() {
    bool ours = false;
    for (;;) {
       ssize_t n = ::read(inotifyFd_, buf, sizeof buf);
-      if (n <= 0) break;
+      if (n <= 0)
+         break;
       for (char* p = buf; p < buf + n;) {
          auto* ev = reinterpret_cast<inotify_event*>(p);
-         if (ev->len && name == ev->name && !(ev->mask & IN_CREATE)) ours = true;
+         if (ev->len && name == ev->name && !(ev->mask & IN_CREATE))
+            ours = true;
          p += sizeof(inotify_event) + ev->len;
       }
    }
-   if (ours) reload();
+   if (ours)
+      reload();
 }
 
 }  // namespace Ravel

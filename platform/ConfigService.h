@@ -14,7 +14,7 @@ namespace Ravel {
 // is written, so only the affected reactors run. A bad file never touches the running
 // configuration.
 class ConfigService {
-public:
+ public:
    // Empty path: no file, everything stays off. Otherwise the first load throws ConfigError.
    ConfigService(Scheduler& sched, Ptr<EntityManager> em, std::string path);
    ~ConfigService();
@@ -28,7 +28,7 @@ public:
    // Writes `c` into the entities, changing only what differs.
    void apply(const RavelConfig& c);
 
-private:
+ private:
    void watchFile();
    void handleFileEvent();
 

@@ -13,39 +13,42 @@ namespace Ravel {
 // A typed object of the state store. Types register a name so that a mount profile can ask
 // for "Interface::AllIntfStatusDir" at a path and get one.
 class Entity : public Node {
-public:
+ public:
    virtual const char* typeName() const = 0;
 };
 
 class EntityTypeRegistry {
-public:
+ public:
    using Factory = std::function<Ptr<Entity>()>;
    static bool add(const std::string& typeName, Factory f);
    static Ptr<Entity> create(const std::string& typeName);  // null for an unknown type
    static bool has(const std::string& typeName);
 };
 
-#define RAVEL_ENTITY_TYPE(Cls, Name)                      \
-public:                                                   \
-   static constexpr const char* kTypeName = Name;         \
-   const char* typeName() const override { return Name; } \
-                                                          \
-private:
+#define RAVEL_ENTITY_TYPE(Cls, Name)              \
+ public:                                          \
+   static constexpr const char* kTypeName = Name; \
+   const char* typeName() const override {        \
+      return Name;                                \
+   }                                              \
+                                                  \
+ private:
 
 // Registers Cls with the type registry; place once in a .cpp of the platform library.
-#define RAVEL_REGISTER_ENTITY(Cls)                                                  \
-   [[maybe_unused]] static const bool ravelRegistered_##Cls =                       \
-       ::Ravel::EntityTypeRegistry::add(Cls::kTypeName, [] { return ::Ravel::Ptr<::Ravel::Entity>(new Cls()); })
+#define RAVEL_REGISTER_ENTITY(Cls)                                                              \
+   [[maybe_unused]] static const bool ravelRegistered_##Cls = ::Ravel::EntityTypeRegistry::add( \
+       Cls::kTypeName, [] { return ::Ravel::Ptr<::Ravel::Entity>(new Cls()); })
 
 // A scalar attribute that notifies its observers when, and only when, its value changes.
 template <typename T>
 class Attr {
-public:
+ public:
    Attr() = default;
    explicit Attr(T v) : v_(std::move(v)) {}
    const T& operator()() const { return v_; }
    bool set(const T& v) {
-      if (v == v_) return false;
+      if (v == v_)
+         return false;
       v_ = v;
       notifier_.notify();
       return true;
@@ -54,7 +57,7 @@ public:
       return notifier_.subscribe(std::move(fn));
    }
 
-private:
+ private:
    T v_{};
    Notifier<> notifier_;
 };
@@ -63,13 +66,14 @@ private:
 // replaced by a different value, or removed. Iteration is in key order.
 template <typename K, typename V>
 class Collection {
-public:
+ public:
    using Map = std::map<K, V>;
 
    bool is(const K& k, V v) {
       auto it = m_.find(k);
       if (it != m_.end()) {
-         if (it->second == v) return false;
+         if (it->second == v)
+            return false;
          it->second = std::move(v);
       } else {
          m_.emplace(k, std::move(v));
@@ -79,14 +83,16 @@ public:
    }
    bool del(const K& k) {
       auto it = m_.find(k);
-      if (it == m_.end()) return false;
+      if (it == m_.end())
+         return false;
       K key = it->first;  // `k` may refer to the entry being erased
       m_.erase(it);
       notifier_.notify(key);
       return true;
    }
    void delAll() {
-      while (!m_.empty()) del(m_.begin()->first);
+      while (!m_.empty())
+         del(m_.begin()->first);
    }
    bool has(const K& k) const { return m_.count(k) != 0; }
    // The value or a default-constructed one (null for pointers).
@@ -108,7 +114,7 @@ public:
       return notifier_.subscribe(std::move(fn));
    }
 
-private:
+ private:
    Map m_;
    Notifier<const K&> notifier_;
 };
@@ -116,22 +122,25 @@ private:
 // A set with the same notification rule.
 template <typename K>
 class NotifyingSet {
-public:
+ public:
    bool is(const K& k) {
-      if (!s_.emplace(k, true).second) return false;
+      if (!s_.emplace(k, true).second)
+         return false;
       notifier_.notify(k);
       return true;
    }
    bool del(const K& k) {
       auto it = s_.find(k);
-      if (it == s_.end()) return false;
+      if (it == s_.end())
+         return false;
       K key = it->first;  // `k` may refer to the entry being erased
       s_.erase(it);
       notifier_.notify(key);
       return true;
    }
    void delAll() {
-      while (!s_.empty()) del(s_.begin()->first);
+      while (!s_.empty())
+         del(s_.begin()->first);
    }
    bool has(const K& k) const { return s_.count(k) != 0; }
    size_t size() const { return s_.size(); }
@@ -151,7 +160,7 @@ public:
       return notifier_.subscribe(std::move(fn));
    }
 
-private:
+ private:
    std::map<K, bool> s_;
    Notifier<const K&> notifier_;
 };

@@ -29,21 +29,29 @@ Ptr<Entity> EntityTypeRegistry::create(const std::string& typeName) {
    return it == types().end() ? nullptr : it->second();
 }
 
-bool EntityTypeRegistry::has(const std::string& typeName) { return types().count(typeName) != 0; }
+bool EntityTypeRegistry::has(const std::string& typeName) {
+   return types().count(typeName) != 0;
+}
 
-const char* toString(MountStatus s) { return s == MountStatus::ok ? "ok" : "failed"; }
+const char* toString(MountStatus s) {
+   return s == MountStatus::ok ? "ok" : "failed";
+}
 
 std::vector<MountRequest> parseMountProfile(const std::string& file) {
    std::ifstream in(file);
-   if (!in) throw std::runtime_error(fmt::format("{}: cannot open mount profile", file));
+   if (!in)
+      throw std::runtime_error(fmt::format("{}: cannot open mount profile", file));
    std::vector<MountRequest> out;
    std::string line;
    for (int lineNo = 1; std::getline(in, line); ++lineNo) {
-      if (auto hash = line.find('#'); hash != std::string::npos) line.erase(hash);
+      if (auto hash = line.find('#'); hash != std::string::npos)
+         line.erase(hash);
       std::istringstream ls(line);
       std::vector<std::string> words;
-      for (std::string w; ls >> w;) words.push_back(w);
-      if (words.empty()) continue;
+      for (std::string w; ls >> w;)
+         words.push_back(w);
+      if (words.empty())
+         continue;
       bool ok = (words.size() == 3 || (words.size() == 4 && words[3] == "shared")) &&
                 (words[2] == "r" || words[2] == "w");
       if (!ok) {
@@ -56,20 +64,27 @@ std::vector<MountRequest> parseMountProfile(const std::string& file) {
    return out;
 }
 
-void MountGroup::close(bool, const std::string&, Seconds) { closed_ = true; }
+void MountGroup::close(bool, const std::string&, Seconds) {
+   closed_ = true;
+}
 
 Ptr<Entity> EntityManager::entity(const std::string& path) const {
    auto it = entities_.find(path);
    return it == entities_.end() ? nullptr : it->second;
 }
 
-void EntityManager::entityIs(const std::string& path, Ptr<Entity> e) { entities_[path] = e; }
+void EntityManager::entityIs(const std::string& path, Ptr<Entity> e) {
+   entities_[path] = e;
+}
 
-void EntityManager::entityDel(const std::string& path) { entities_.erase(path); }
+void EntityManager::entityDel(const std::string& path) {
+   entities_.erase(path);
+}
 
 Ptr<Entity> EntityManager::mount(const std::string& path, const std::string& type) {
    if (auto e = entity(path)) {
-      if (type == e->typeName()) return e;
+      if (type == e->typeName())
+         return e;
       TRACE(0, "{} holds {}, not {}", path, e->typeName(), type);
       return nullptr;
    }
@@ -98,7 +113,8 @@ Ptr<MountGroup> EntityManager::mountGroupIs(CAgent* mounter) {
 MountStatus EntityManager::performMounts(const std::string& profileDir) {
    MountStatus status = MountStatus::ok;
    for (auto& g : groups_) {
-      if (!g->closed()) continue;
+      if (!g->closed())
+         continue;
       for (auto& name : g->profiles()) {
          std::vector<MountRequest> reqs;
          try {
@@ -109,8 +125,10 @@ MountStatus EntityManager::performMounts(const std::string& profileDir) {
             continue;
          }
          for (auto& r : reqs) {
-            if (r.path.find("%s") != std::string::npos) continue;
-            if (!mount(r.path, r.type)) status = MountStatus::failed;
+            if (r.path.find("%s") != std::string::npos)
+               continue;
+            if (!mount(r.path, r.type))
+               status = MountStatus::failed;
          }
       }
    }

@@ -27,7 +27,7 @@ struct MountRequest {
 std::vector<MountRequest> parseMountProfile(const std::string& file);
 
 class MountGroup : public Node {
-public:
+ public:
    explicit MountGroup(CAgent* mounter) : mounter_(mounter) {}
    CAgent* mounter() const { return mounter_; }
    void profileIs(const std::string& name) { profiles_.push_back(name); }
@@ -36,7 +36,7 @@ public:
    void close(bool blocking, const std::string& name, Seconds timeout);
    bool closed() const { return closed_; }
 
-private:
+ private:
    CAgent* mounter_;
    std::vector<std::string> profiles_;
    bool closed_ = false;
@@ -44,7 +44,7 @@ private:
 
 // The state store: typed entities by path. A wrong type reads as absent.
 class EntityManager : public Node {
-public:
+ public:
    Ptr<Entity> entity(const std::string& path) const;
    template <typename T>
    Ptr<T> entityAs(const std::string& path) const {
@@ -67,7 +67,7 @@ public:
    // Paths with "%s" are per-namespace and left to the providers that know the namespaces.
    MountStatus performMounts(const std::string& profileDir);
 
-private:
+ private:
    std::map<std::string, Ptr<Entity>> entities_;
    std::vector<Ptr<MountGroup>> groups_;
 };

@@ -8,11 +8,11 @@ namespace Ravel {
 // Thrown by platform operations that fail with an operating-system error. The process errno is
 // left set to the same value, so callers can inspect either.
 class Errno : public std::runtime_error {
-public:
+ public:
    Errno(int err, const std::string& what);
    int errnoValue() const noexcept { return errno_; }
 
-private:
+ private:
    int errno_;
 };
 

@@ -32,7 +32,7 @@ struct NodeIdVrfConfig {
 };
 
 class VrfConfig : public Node {
-public:
+ public:
    explicit VrfConfig(VrfName n) : vrfName(std::move(n)) {}
    const VrfName vrfName;
    Attr<TriState> enabled;
@@ -44,7 +44,7 @@ public:
 // "icmp/errorResponder/config"
 class Config : public Entity {
    RAVEL_ENTITY_TYPE(Config, "Icmp::ErrorResponder::Config")
-public:
+ public:
    Attr<TriState> enabled;
    Attr<bool> addHostName;
    Attr<uint8_t> nodeIdCodePoint;
@@ -52,7 +52,7 @@ public:
 };
 
 class EbpfVrfConfigEntry : public Node {
-public:
+ public:
    EbpfVrfConfigEntry(VrfName n, NsInode i) : vrfName(std::move(n)), nsInode(i) {}
    const VrfName vrfName;
    const NsInode nsInode;
@@ -62,7 +62,7 @@ public:
 // the kernel programs' table sizes.
 class EbpfConfig : public Entity {
    RAVEL_ENTITY_TYPE(EbpfConfig, "Icmp::ErrorResponder::EbpfConfig")
-public:
+ public:
    Ptr<EbpfVrfConfigEntry> entryIs(const VrfName& n, NsInode inode) {
       auto e = entry.get(n);
       if (!e || e->nsInode != inode) {
@@ -72,7 +72,9 @@ public:
       return e;
    }
    void entryDel(const VrfName& n) { entry.del(n); }
-   void entryByInodeIs(NsInode inode, const Ptr<EbpfVrfConfigEntry>& e) { entryByInode.is(inode, e); }
+   void entryByInodeIs(NsInode inode, const Ptr<EbpfVrfConfigEntry>& e) {
+      entryByInode.is(inode, e);
+   }
    void entryByInodeDel(NsInode inode) { entryByInode.del(inode); }
 
    Collection<VrfName, Ptr<EbpfVrfConfigEntry>> entry;

@@ -19,11 +19,13 @@ std::string featureToggleDir() {
 bool featureToggleEnabled(const std::string& file, const std::string& toggle, bool dflt) {
    std::string path = featureToggleDir() + "/" + file;
    std::ifstream in(path);
-   if (!in) return dflt;
+   if (!in)
+      return dflt;
    try {
       auto j = nlohmann::json::parse(in);
       auto it = j.find(toggle);
-      if (it != j.end() && it->is_boolean()) return it->get<bool>();
+      if (it != j.end() && it->is_boolean())
+         return it->get<bool>();
    } catch (const std::exception& e) {
       TRACE(1, "{}: {}", path, e.what());
    }

@@ -8,12 +8,15 @@ IntfIdByIfIndexSm::IntfIdByIfIndexSm(Ptr<IfIndexStatus> status, Ptr<IntfIdByIfIn
     : status_(std::move(status)), table_(std::move(table)) {
    RAVEL_ASSERT(table_);
    handleInitialized();
-   if (status_) sub_ = status_->intfId.subscribe([this](uint32_t i) { handleIfIndex(i); });
+   if (status_)
+      sub_ = status_->intfId.subscribe([this](uint32_t i) { handleIfIndex(i); });
 }
 
 void IntfIdByIfIndexSm::handleInitialized() {
-   if (!status_) return;
-   for (auto& [ifIndex, id] : status_->intfId) table_->intfId.is(ifIndex, id);
+   if (!status_)
+      return;
+   for (auto& [ifIndex, id] : status_->intfId)
+      table_->intfId.is(ifIndex, id);
 }
 
 void IntfIdByIfIndexSm::handleIfIndex(uint32_t ifIndex) {
@@ -27,9 +30,8 @@ void IntfIdByIfIndexSm::handleIfIndex(uint32_t ifIndex) {
 IntfAddrVrfTableSm::IntfAddrVrfTableSm(VrfName vrf, std::string netNs, Scheduler&,
                                        Ptr<IpStatus> ipStatus, Ptr<Ip6Status> ip6Status,
                                        Ptr<VirtualIpStatus> virtualIpStatus,
-                                       Ptr<VirtualIpStatus> virtualIp6Status,
-                                       Ptr<AllIntfStatusDir>, Ptr<IntfAddrVrfTable> table,
-                                       IntfAddrVrfTableSmConfig config)
+                                       Ptr<VirtualIpStatus> virtualIp6Status, Ptr<AllIntfStatusDir>,
+                                       Ptr<IntfAddrVrfTable> table, IntfAddrVrfTableSmConfig config)
     : vrf_(std::move(vrf)),
       netNs_(std::move(netNs)),
       ipStatus_(std::move(ipStatus)),
@@ -44,12 +46,14 @@ IntfAddrVrfTableSm::IntfAddrVrfTableSm(VrfName vrf, std::string netNs, Scheduler
       watch(i);
       handleIntf(i);
    };
-   if (ipStatus_) subs_.push_back(ipStatus_->ipIntfStatus.subscribe(onIntf));
+   if (ipStatus_)
+      subs_.push_back(ipStatus_->ipIntfStatus.subscribe(onIntf));
    if (ip6Status_ && config_.ipv6Enabled) {
       subs_.push_back(ip6Status_->ip6IntfStatus.subscribe(onIntf));
    }
    if (config_.virtualEnabled) {
-      if (virtualIpStatus_) subs_.push_back(virtualIpStatus_->addrs.subscribe(onIntf));
+      if (virtualIpStatus_)
+         subs_.push_back(virtualIpStatus_->addrs.subscribe(onIntf));
       if (virtualIp6Status_ && config_.ipv6Enabled) {
          subs_.push_back(virtualIp6Status_->addrs.subscribe(onIntf));
       }
@@ -59,10 +63,12 @@ IntfAddrVrfTableSm::IntfAddrVrfTableSm(VrfName vrf, std::string netNs, Scheduler
 void IntfAddrVrfTableSm::handleInitialized() {
    std::set<IntfId> intfs;
    if (ipStatus_) {
-      for (auto& [id, s] : ipStatus_->ipIntfStatus) intfs.insert(id);
+      for (auto& [id, s] : ipStatus_->ipIntfStatus)
+         intfs.insert(id);
    }
    if (ip6Status_ && config_.ipv6Enabled) {
-      for (auto& [id, s] : ip6Status_->ip6IntfStatus) intfs.insert(id);
+      for (auto& [id, s] : ip6Status_->ip6IntfStatus)
+         intfs.insert(id);
    }
    for (auto& id : intfs) {
       watch(id);
@@ -88,26 +94,33 @@ void IntfAddrVrfTableSm::watch(const IntfId& intf) {
          subs.push_back(s->addrs.subscribe(again));
       }
    }
-   if (subs.empty()) intfSubs_.erase(intf);
+   if (subs.empty())
+      intfSubs_.erase(intf);
 }
 
 std::set<IpGenAddr> IntfAddrVrfTableSm::addressesOf(const IntfId& intf) const {
    std::set<IpGenAddr> out;
    if (ipStatus_) {
       if (auto s = ipStatus_->ipIntfStatus.get(intf); s && s->vrf() == vrf_) {
-         if (s->primaryAddr().addr.isV4()) out.insert(s->primaryAddr().addr);
-         for (auto& a : s->secondaryAddrs()) out.insert(a.addr);
+         if (s->primaryAddr().addr.isV4())
+            out.insert(s->primaryAddr().addr);
+         for (auto& a : s->secondaryAddrs())
+            out.insert(a.addr);
       }
    }
    if (ip6Status_ && config_.ipv6Enabled) {
       if (auto s = ip6Status_->ip6IntfStatus.get(intf); s && s->vrf() == vrf_) {
-         for (auto& a : s->addrs()) out.insert(a.addr);
+         for (auto& a : s->addrs())
+            out.insert(a.addr);
       }
    }
    if (config_.virtualEnabled) {
-      for (auto* v : {virtualIpStatus_.get(), config_.ipv6Enabled ? virtualIp6Status_.get() : nullptr}) {
-         if (!v) continue;
-         if (auto* addrs = v->addrs.find(intf)) out.insert(addrs->begin(), addrs->end());
+      for (auto* v :
+           {virtualIpStatus_.get(), config_.ipv6Enabled ? virtualIp6Status_.get() : nullptr}) {
+         if (!v)
+            continue;
+         if (auto* addrs = v->addrs.find(intf))
+            out.insert(addrs->begin(), addrs->end());
       }
    }
    return out;
@@ -117,12 +130,15 @@ void IntfAddrVrfTableSm::handleIntf(const IntfId& intf) {
    std::set<IpGenAddr> now = addressesOf(intf);
    std::set<IpGenAddr>& before = tabled_[intf];
    for (auto& a : before) {
-      if (now.count(a)) continue;
+      if (now.count(a))
+         continue;
       // Only remove what this interface put there: another may hold the address now.
       auto key = IntfAddrEntryKey{a, IntfId()};
-      if (auto* e = table_->entry.find(key); e && e->intfId == intf) table_->entry.del(key);
+      if (auto* e = table_->entry.find(key); e && e->intfId == intf)
+         table_->entry.del(key);
    }
-   for (auto& a : now) table_->entry.is({a, IntfId()}, {intf});
+   for (auto& a : now)
+      table_->entry.is({a, IntfId()}, {intf});
    if (now.empty()) {
       tabled_.erase(intf);
    } else {
@@ -134,12 +150,15 @@ ReverseMapper::ReverseMapper(Ptr<VrfIdMapStatus> forward, Ptr<NameToIdMap> rever
     : forward_(std::move(forward)), reverse_(std::move(reverse)) {
    RAVEL_ASSERT(reverse_);
    handleInitialized();
-   if (forward_) sub_ = forward_->vrfName.subscribe([this](VrfId id) { handleId(id); });
+   if (forward_)
+      sub_ = forward_->vrfName.subscribe([this](VrfId id) { handleId(id); });
 }
 
 void ReverseMapper::handleInitialized() {
-   if (!forward_) return;
-   for (auto& [id, name] : forward_->vrfName) handleId(id);
+   if (!forward_)
+      return;
+   for (auto& [id, name] : forward_->vrfName)
+      handleId(id);
 }
 
 void ReverseMapper::handleId(VrfId id) {

@@ -13,17 +13,17 @@ namespace Ravel {
 
 // ifIndex -> interface, mirrored from "interface/ifIndex/all".
 class IntfIdByIfIndex : public Node {
-public:
+ public:
    Collection<uint32_t, IntfId> intfId;
 };
 
 class IntfIdByIfIndexSm : public Node {
-public:
+ public:
    IntfIdByIfIndexSm(Ptr<IfIndexStatus> status, Ptr<IntfIdByIfIndex> table);
    void handleInitialized();
    void handleIfIndex(uint32_t ifIndex);
 
-private:
+ private:
    Ptr<IfIndexStatus> status_;
    Ptr<IntfIdByIfIndex> table_;
    Subscription sub_;
@@ -44,12 +44,12 @@ struct IntfAddrEntry {
 
 // Which interface holds each address of one VRF.
 class IntfAddrVrfTable : public Node {
-public:
+ public:
    Collection<IntfAddrEntryKey, IntfAddrEntry> entry;
 };
 
 class AllIntfAddrVrfTable : public Node {
-public:
+ public:
    Collection<VrfName, Ptr<IntfAddrVrfTable>> table;
 };
 
@@ -62,13 +62,13 @@ struct IntfAddrVrfTableSmConfig {
 
 // Virtual (anycast, VRRP) addresses; none are published on Linux, the entities stay empty.
 class VirtualIpStatus : public Node {
-public:
+ public:
    Collection<IntfId, std::set<IpGenAddr>> addrs;
 };
 
 // Keeps one VRF's IntfAddrVrfTable equal to the addresses of its interfaces.
 class IntfAddrVrfTableSm : public Node {
-public:
+ public:
    IntfAddrVrfTableSm(VrfName vrf, std::string netNs, Scheduler& sched, Ptr<IpStatus> ipStatus,
                       Ptr<Ip6Status> ip6Status, Ptr<VirtualIpStatus> virtualIpStatus,
                       Ptr<VirtualIpStatus> virtualIp6Status, Ptr<AllIntfStatusDir> devIntfStatus,
@@ -76,7 +76,7 @@ public:
    void handleInitialized();
    void handleIntf(const IntfId& intf);
 
-private:
+ private:
    void watch(const IntfId& intf);
    std::set<IpGenAddr> addressesOf(const IntfId& intf) const;
 
@@ -95,17 +95,17 @@ private:
 
 // VRF name -> id, the reverse of "vrf/vrfIdMapStatus".
 class NameToIdMap : public Node {
-public:
+ public:
    Collection<VrfName, VrfId> id;
 };
 
 class ReverseMapper : public Node {
-public:
+ public:
    ReverseMapper(Ptr<VrfIdMapStatus> forward, Ptr<NameToIdMap> reverse);
    void handleInitialized();
    void handleId(VrfId id);
 
-private:
+ private:
    Ptr<VrfIdMapStatus> forward_;
    Ptr<NameToIdMap> reverse_;
    std::map<VrfId, VrfName> mirrored_;

@@ -13,6 +13,8 @@ PamFactory& PamFactory::instance() {
    return *gFactory;
 }
 
-void PamFactory::instanceIs(PamFactory* f) { gFactory = f; }
+void PamFactory::instanceIs(PamFactory* f) {
+   gFactory = f;
+}
 
 }  // namespace Ravel

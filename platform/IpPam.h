@@ -25,7 +25,7 @@ struct PamCounters {
 // kernel builds the IP header); the IPv6 PAM receives and sends ICMPv6 messages and the kernel
 // fills the ICMPv6 checksum.
 class IpPam : public Node {
-public:
+ public:
    // Option bits (optionsIs):
    // The destination address of each received packet (IP_PKTINFO / IPV6_RECVPKTINFO), so a
    // reply can be sent from the address the request was sent to.
@@ -70,7 +70,7 @@ public:
    const PamCounters& counters() const { return counters_; }
    void countersClear() { counters_ = {}; }
 
-protected:
+ protected:
    std::string name_;
    AddressFamily af_;
    int protocol_;
@@ -89,7 +89,7 @@ protected:
 
 // Creates PAMs. Throws Errno: ENOENT when the namespace does not exist.
 class PamFactory {
-public:
+ public:
    virtual ~PamFactory() = default;
    virtual Ptr<IpPam> ipSocketPamFactory(const std::string& name, int protocol,
                                          const std::string& namespaceName) = 0;

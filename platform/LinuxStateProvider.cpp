@@ -55,7 +55,8 @@ struct NeighInfo {
 };
 
 std::optional<IpGenAddr> fromNlAddr(nl_addr* a) {
-   if (!a) return std::nullopt;
+   if (!a)
+      return std::nullopt;
    auto* p = static_cast<const uint8_t*>(nl_addr_get_binary_addr(a));
    return IpGenAddr::fromBytes({p, nl_addr_get_len(a)});
 }
@@ -63,13 +64,15 @@ std::optional<IpGenAddr> fromNlAddr(nl_addr* a) {
 // An `ip netns add` file is a namespace once it is mounted; before that it is a plain file.
 std::optional<NsInode> namespaceInode(const std::string& path) {
    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-   if (fd < 0) return std::nullopt;
-   struct statfs sfs{};
-   struct stat st{};
+   if (fd < 0)
+      return std::nullopt;
+   struct statfs sfs {};
+   struct stat st {};
    bool ok = ::fstatfs(fd, &sfs) == 0 && static_cast<unsigned long>(sfs.f_type) == NSFS_MAGIC &&
              ::fstat(fd, &st) == 0;
    ::close(fd);
-   if (!ok) return std::nullopt;
+   if (!ok)
+      return std::nullopt;
    return static_cast<NsInode>(st.st_ino);
 }
 
@@ -94,7 +97,8 @@ struct LinuxStateProvider::Namespace {
 
    ~Namespace() {
       task.reset();
-      if (mngr) nl_cache_mngr_free(mngr);
+      if (mngr)
+         nl_cache_mngr_free(mngr);
    }
 };
 
@@ -102,7 +106,8 @@ std::string LinuxStateProvider::kniName(const VrfName& vrf) {
    return vrf.isDefault() ? "default" : vrf.nsName();
 }
 
-LinuxStateProvider::LinuxStateProvider(Scheduler& sched, Ptr<EntityManager> em, std::string netnsDir)
+LinuxStateProvider::LinuxStateProvider(Scheduler& sched, Ptr<EntityManager> em,
+                                       std::string netnsDir)
     : sched_(sched),
       em_(std::move(em)),
       netnsDir_(std::move(netnsDir)),
@@ -136,13 +141,15 @@ LinuxStateProvider::LinuxStateProvider(Scheduler& sched, Ptr<EntityManager> em, 
 
 LinuxStateProvider::~LinuxStateProvider() {
    inotifyTask_.reset();
-   if (inotifyFd_ >= 0) ::close(inotifyFd_);
+   if (inotifyFd_ >= 0)
+      ::close(inotifyFd_);
    namespaces_.clear();
 }
 
 VrfId LinuxStateProvider::vrfIdOf(const VrfName& vrf) {
    auto it = ids_.find(vrf);
-   if (it == ids_.end()) it = ids_.emplace(vrf, nextId_++).first;
+   if (it == ids_.end())
+      it = ids_.emplace(vrf, nextId_++).first;
    return it->second;
 }
 
@@ -157,9 +164,11 @@ void LinuxStateProvider::scanDirectory() {
    if (DIR* d = ::opendir(netnsDir_.c_str())) {
       while (dirent* e = ::readdir(d)) {
          std::string name = e->d_name;
-         if (!name.starts_with("ns-") || name.size() == 3) continue;
+         if (!name.starts_with("ns-") || name.size() == 3)
+            continue;
          if (name.size() - 3 > VrfName::kMaxLen) {
-            TRACE(1, "ignoring namespace {}: VRF name longer than {} bytes", name, VrfName::kMaxLen);
+            TRACE(1, "ignoring namespace {}: VRF name longer than {} bytes", name,
+                  VrfName::kMaxLen);
             continue;
          }
          std::string path = netnsDir_ + "/" + name;
@@ -173,13 +182,17 @@ void LinuxStateProvider::scanDirectory() {
    }
    std::vector<VrfName> gone;
    for (auto& [vrf, ns] : namespaces_) {
-      if (vrf.isDefault()) continue;
+      if (vrf.isDefault())
+         continue;
       auto it = present.find(vrf);
-      if (it == present.end() || it->second.second != ns->inode) gone.push_back(vrf);
+      if (it == present.end() || it->second.second != ns->inode)
+         gone.push_back(vrf);
    }
-   for (auto& vrf : gone) removeNamespace(vrf);
+   for (auto& vrf : gone)
+      removeNamespace(vrf);
    for (auto& [vrf, p] : present) {
-      if (!namespaces_.count(vrf)) addNamespace(vrf, p.first, p.second);
+      if (!namespaces_.count(vrf))
+         addNamespace(vrf, p.first, p.second);
    }
    if (!dirWatched_) {
       rescanTimer_.scheduleTaskDelay(kMissingDirInterval);
@@ -194,14 +207,17 @@ void LinuxStateProvider::handleInotify() {
    bool selfGone = false;
    while (true) {
       ssize_t n = ::read(inotifyFd_, buf, sizeof buf);
-      if (n <= 0) break;
+      if (n <= 0)
+         break;
       for (char* p = buf; p < buf + n;) {
          auto* ev = reinterpret_cast<inotify_event*>(p);
-         if (ev->mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED)) selfGone = true;
+         if (ev->mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED))
+            selfGone = true;
          p += sizeof(inotify_event) + ev->len;
       }
    }
-   if (selfGone) dirWatched_ = false;
+   if (selfGone)
+      dirWatched_ = false;
    pendingRescans_ = kRescanAttempts;
    scanDirectory();
 }
@@ -220,12 +236,14 @@ void LinuxStateProvider::addNamespace(const VrfName& vrf, const std::string& pat
       // The manager's sockets belong to the namespace they are created in.
       inNamespace(path, [&] {
          int err = nl_cache_mngr_alloc(nullptr, NETLINK_ROUTE, 0, &ns->mngr);
-         if (err < 0) throw std::runtime_error(nl_geterror(err));
-         for (auto [kind, cache] : {std::pair{"route/link", &ns->links},
-                                    std::pair{"route/addr", &ns->addrs},
-                                    std::pair{"route/neigh", &ns->neighs}}) {
+         if (err < 0)
+            throw std::runtime_error(nl_geterror(err));
+         for (auto [kind, cache] :
+              {std::pair{"route/link", &ns->links}, std::pair{"route/addr", &ns->addrs},
+               std::pair{"route/neigh", &ns->neighs}}) {
             err = nl_cache_mngr_add(ns->mngr, kind, onChange, ns.get(), cache);
-            if (err < 0) throw std::runtime_error(std::string(kind) + ": " + nl_geterror(err));
+            if (err < 0)
+               throw std::runtime_error(std::string(kind) + ": " + nl_geterror(err));
          }
       });
    } catch (const std::exception& e) {
@@ -255,7 +273,8 @@ void LinuxStateProvider::addNamespace(const VrfName& vrf, const std::string& pat
 
 void LinuxStateProvider::removeNamespace(const VrfName& vrf) {
    auto it = namespaces_.find(vrf);
-   if (it == namespaces_.end()) return;
+   if (it == namespaces_.end())
+      return;
    TRACE(3, "VRF {} namespace gone", vrf);
    vrfs_->vrf.del(vrf);
    unpublish(*it->second);
@@ -274,7 +293,8 @@ void LinuxStateProvider::resync() {
    auto dirty = std::move(dirty_);
    dirty_.clear();
    for (auto& vrf : dirty) {
-      if (auto it = namespaces_.find(vrf); it != namespaces_.end()) publish(*it->second);
+      if (auto it = namespaces_.find(vrf); it != namespaces_.end())
+         publish(*it->second);
    }
 }
 
@@ -297,7 +317,8 @@ void LinuxStateProvider::publish(Namespace& ns) {
        [](nl_object* o, void* arg) {
           auto* a = reinterpret_cast<rtnl_addr*>(o);
           auto ip = fromNlAddr(rtnl_addr_get_local(a));
-          if (!ip) return;
+          if (!ip)
+             return;
           static_cast<std::vector<AddrInfo>*>(arg)->push_back(
               {static_cast<uint32_t>(rtnl_addr_get_ifindex(a)),
                {*ip, static_cast<uint8_t>(rtnl_addr_get_prefixlen(a))},
@@ -311,11 +332,14 @@ void LinuxStateProvider::publish(Namespace& ns) {
           auto* n = reinterpret_cast<rtnl_neigh*>(o);
           int state = rtnl_neigh_get_state(n);
           constexpr int kUsable = NUD_REACHABLE | NUD_STALE | NUD_DELAY | NUD_PROBE | NUD_PERMANENT;
-          if (state < 0 || !(state & kUsable)) return;
+          if (state < 0 || !(state & kUsable))
+             return;
           auto ip = fromNlAddr(rtnl_neigh_get_dst(n));
-          if (!ip) return;
+          if (!ip)
+             return;
           char mac[64] = "";
-          if (nl_addr* ll = rtnl_neigh_get_lladdr(n)) nl_addr2str(ll, mac, sizeof mac);
+          if (nl_addr* ll = rtnl_neigh_get_lladdr(n))
+             nl_addr2str(ll, mac, sizeof mac);
           static_cast<std::vector<NeighInfo>*>(arg)->push_back(
               {static_cast<uint32_t>(rtnl_neigh_get_ifindex(n)), *ip, mac});
        },
@@ -332,32 +356,38 @@ void LinuxStateProvider::publish(Namespace& ns) {
       nowIndexes.insert(l.ifindex);
       auto s = intfs_->intfStatus.get(id);
       bool fresh = !s;
-      if (fresh) s = make<IntfStatus>(id);
+      if (fresh)
+         s = make<IntfStatus>(id);
       s->operStatus.set(l.up ? OperStatus::up : OperStatus::down);
       s->mtu.set(l.mtu);
       s->snmpIndex.set(l.ifindex);
       s->deviceName.set(l.name);
-      if (fresh) intfs_->intfStatus.is(id, s);
+      if (fresh)
+         intfs_->intfStatus.is(id, s);
       auto l3 = l3_->intfStatus.get(id);
       if (!l3) {
          l3 = make<L3IntfStatus>(id);
          l3->vrf.set(vrf);
          l3_->intfStatus.is(id, l3);
       }
-      if (vrf.isDefault()) ifIndex_->intfId.is(l.ifindex, id);
-      if (ns.kni) ns.kni->intf.is(l.ifindex, {l.name, id});
+      if (vrf.isDefault())
+         ifIndex_->intfId.is(l.ifindex, id);
+      if (ns.kni)
+         ns.kni->intf.is(l.ifindex, {l.name, id});
    }
 
    std::map<IntfId, std::vector<AddrInfo>> v4, v6;
    for (auto& a : addrs) {
       auto it = byIndex.find(a.ifindex);
-      if (it == byIndex.end()) continue;
+      if (it == byIndex.end())
+         continue;
       (a.addr.addr.isV4() ? v4 : v6)[it->second].push_back(a);
    }
    for (auto& id : nowIntfs) {
       if (auto it = v4.find(id); it != v4.end()) {
          std::set<IpPrefixAddr> primaries, secondaries;
-         for (auto& a : it->second) (a.secondary ? secondaries : primaries).insert(a.addr);
+         for (auto& a : it->second)
+            (a.secondary ? secondaries : primaries).insert(a.addr);
          IpPrefixAddr primary;
          if (!primaries.empty()) {
             primary = *primaries.begin();
@@ -369,25 +399,30 @@ void LinuxStateProvider::publish(Namespace& ns) {
          secondaries.insert(primaries.begin(), primaries.end());
          auto s = ip_->ipIntfStatus.get(id);
          bool fresh = !s;
-         if (fresh) s = make<IpIntfStatus>(id);
+         if (fresh)
+            s = make<IpIntfStatus>(id);
          s->vrf.set(vrf);
          s->primaryAddr.set(primary);
          s->secondaryAddrs.set(secondaries);
          s->ipv4Running.set(true);
-         if (fresh) ip_->ipIntfStatus.is(id, s);
+         if (fresh)
+            ip_->ipIntfStatus.is(id, s);
       } else {
          ip_->ipIntfStatus.del(id);
       }
       if (auto it = v6.find(id); it != v6.end()) {
          std::set<IpPrefixAddr> all;
-         for (auto& a : it->second) all.insert(a.addr);
+         for (auto& a : it->second)
+            all.insert(a.addr);
          auto s = ip6_->ip6IntfStatus.get(id);
          bool fresh = !s;
-         if (fresh) s = make<Ip6IntfStatus>(id);
+         if (fresh)
+            s = make<Ip6IntfStatus>(id);
          s->vrf.set(vrf);
          s->addrs.set(all);
          s->ipv6Running.set(true);
-         if (fresh) ip6_->ip6IntfStatus.is(id, s);
+         if (fresh)
+            ip6_->ip6IntfStatus.is(id, s);
       } else {
          ip6_->ip6IntfStatus.del(id);
       }
@@ -397,29 +432,36 @@ void LinuxStateProvider::publish(Namespace& ns) {
    std::set<ArpKey> nowArp, nowNd;
    for (auto& n : neighs) {
       auto it = byIndex.find(n.ifindex);
-      if (it == byIndex.end()) continue;
+      if (it == byIndex.end())
+         continue;
       ArpKey key{vrfId, n.addr, it->second};
       (n.addr.isV4() ? nowArp : nowNd).insert(key);
       (n.addr.isV4() ? arp_->arp : arp_->nd).is(key, {n.mac});
    }
 
    for (auto& id : ns.intfs) {
-      if (nowIntfs.count(id)) continue;
+      if (nowIntfs.count(id))
+         continue;
       ip_->ipIntfStatus.del(id);
       ip6_->ip6IntfStatus.del(id);
       l3_->intfStatus.del(id);
       intfs_->intfStatus.del(id);
    }
    for (uint32_t i : ns.ifIndexes) {
-      if (nowIndexes.count(i)) continue;
-      if (vrf.isDefault()) ifIndex_->intfId.del(i);
-      if (ns.kni) ns.kni->intf.del(i);
+      if (nowIndexes.count(i))
+         continue;
+      if (vrf.isDefault())
+         ifIndex_->intfId.del(i);
+      if (ns.kni)
+         ns.kni->intf.del(i);
    }
    for (auto& k : ns.arp) {
-      if (!nowArp.count(k)) arp_->arp.del(k);
+      if (!nowArp.count(k))
+         arp_->arp.del(k);
    }
    for (auto& k : ns.nd) {
-      if (!nowNd.count(k)) arp_->nd.del(k);
+      if (!nowNd.count(k))
+         arp_->nd.del(k);
    }
    ns.intfs = std::move(nowIntfs);
    ns.ifIndexes = std::move(nowIndexes);
@@ -428,8 +470,10 @@ void LinuxStateProvider::publish(Namespace& ns) {
 }
 
 void LinuxStateProvider::unpublish(Namespace& ns) {
-   for (auto& k : ns.arp) arp_->arp.del(k);
-   for (auto& k : ns.nd) arp_->nd.del(k);
+   for (auto& k : ns.arp)
+      arp_->arp.del(k);
+   for (auto& k : ns.nd)
+      arp_->nd.del(k);
    for (auto& id : ns.intfs) {
       ip_->ipIntfStatus.del(id);
       ip6_->ip6IntfStatus.del(id);
@@ -437,7 +481,8 @@ void LinuxStateProvider::unpublish(Namespace& ns) {
       intfs_->intfStatus.del(id);
    }
    if (ns.vrf.isDefault()) {
-      for (uint32_t i : ns.ifIndexes) ifIndex_->intfId.del(i);
+      for (uint32_t i : ns.ifIndexes)
+         ifIndex_->intfId.del(i);
    }
    ns.intfs.clear();
    ns.ifIndexes.clear();

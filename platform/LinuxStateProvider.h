@@ -33,7 +33,7 @@
 namespace Ravel {
 
 class LinuxStateProvider {
-public:
+ public:
    LinuxStateProvider(Scheduler& sched, Ptr<EntityManager> em, std::string netnsDir);
    ~LinuxStateProvider();
    LinuxStateProvider(const LinuxStateProvider&) = delete;
@@ -43,7 +43,7 @@ public:
    static std::string kniName(const VrfName& vrf);
    size_t namespaceCount() const { return namespaces_.size(); }
 
-private:
+ private:
    struct Namespace;
 
    void scanDirectory();

@@ -67,7 +67,9 @@ struct State {
 };
 State gState;
 
-FileHeader* header() { return reinterpret_cast<FileHeader*>(gState.base); }
+FileHeader* header() {
+   return reinterpret_cast<FileHeader*>(gState.base);
+}
 
 double realNow() {
    timespec ts{};
@@ -102,7 +104,8 @@ bool initialize(const std::string& nameTemplate, std::span<const uint32_t> ringS
       off += uint64_t{h.slots[l]} * kSlotSize;
    }
    int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
-   if (fd < 0) return false;
+   if (fd < 0)
+      return false;
    if (::ftruncate(fd, static_cast<off_t>(off)) != 0) {
       ::close(fd);
       return false;
@@ -121,13 +124,19 @@ bool initialize(const std::string& nameTemplate, std::span<const uint32_t> ringS
    return true;
 }
 
-bool active() { return gState.base != nullptr; }
-std::string filePath() { return gState.path; }
+bool active() {
+   return gState.base != nullptr;
+}
+std::string filePath() {
+   return gState.path;
+}
 
 void record(int level, std::string_view category, std::string_view func, std::string_view msg) {
-   if (!gState.base || level < 0 || level >= kLevels) return;
+   if (!gState.base || level < 0 || level >= kLevels)
+      return;
    FileHeader* h = header();
-   if (h->slots[level] == 0) return;
+   if (h->slots[level] == 0)
+      return;
    uint64_t seq = ++h->seq;
    uint64_t idx = h->next[level]++ % h->slots[level];
    uint8_t* slot = gState.base + h->offset[level] + idx * kSlotSize;
@@ -153,25 +162,31 @@ void record(int level, std::string_view category, std::string_view func, std::st
 }
 
 void shutdown() {
-   if (gState.base) ::munmap(gState.base, gState.size);
-   if (gState.fd >= 0) ::close(gState.fd);
+   if (gState.base)
+      ::munmap(gState.base, gState.size);
+   if (gState.fd >= 0)
+      ::close(gState.fd);
    gState = State{};
 }
 
 std::vector<Record> readFile(const std::string& path) {
    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-   if (fd < 0) throw std::runtime_error(fmt::format("{}: {}", path, std::strerror(errno)));
-   struct stat st{};
+   if (fd < 0)
+      throw std::runtime_error(fmt::format("{}: {}", path, std::strerror(errno)));
+   struct stat st {};
    ::fstat(fd, &st);
    size_t size = static_cast<size_t>(st.st_size);
-   auto notLumen = [&] { return std::runtime_error(fmt::format("{}: not a Lumen trace file", path)); };
+   auto notLumen = [&] {
+      return std::runtime_error(fmt::format("{}: not a Lumen trace file", path));
+   };
    if (size < kHeaderSize) {
       ::close(fd);
       throw notLumen();
    }
    void* m = ::mmap(nullptr, size, PROT_READ, MAP_PRIVATE, fd, 0);
    ::close(fd);
-   if (m == MAP_FAILED) throw std::runtime_error(fmt::format("{}: cannot map", path));
+   if (m == MAP_FAILED)
+      throw std::runtime_error(fmt::format("{}: cannot map", path));
    const auto* base = static_cast<const uint8_t*>(m);
    FileHeader h;
    std::memcpy(&h, base, sizeof h);
@@ -179,7 +194,8 @@ std::vector<Record> readFile(const std::string& path) {
    bool ok = std::memcmp(h.magic, kMagic, sizeof kMagic) == 0 && h.slotSize == kSlotSize &&
              h.levels == kLevels;
    for (int l = 0; ok && l < kLevels; ++l) {
-      if (h.offset[l] + uint64_t{h.slots[l]} * kSlotSize > size) ok = false;
+      if (h.offset[l] + uint64_t{h.slots[l]} * kSlotSize > size)
+         ok = false;
    }
    if (!ok) {
       ::munmap(m, size);

@@ -19,8 +19,8 @@ constexpr int kLevels = 10;
 // (0: single writer), whether to truncate an existing file, and the longest message kept.
 // Returns false (and leaves the recorder inactive) when the file cannot be created.
 bool initialize(const std::string& nameTemplate, std::span<const uint32_t> ringSizesKiB,
-                const char* altName, int reserved, int headerHint, int threadingMode,
-                bool truncate, int maxMessage);
+                const char* altName, int reserved, int headerHint, int threadingMode, bool truncate,
+                int maxMessage);
 constexpr const char* kDefaultDir = "/var/log/ravel";
 
 bool active();
@@ -30,8 +30,8 @@ void shutdown();
 
 struct Record {
    int level;
-   uint64_t seq;          // global order across levels
-   double timestamp;      // CLOCK_REALTIME seconds
+   uint64_t seq;      // global order across levels
+   double timestamp;  // CLOCK_REALTIME seconds
    std::string category;
    std::string func;
    std::string message;

@@ -7,13 +7,18 @@ namespace Ravel {
 
 const char* toString(OperStatus s) {
    switch (s) {
-      case OperStatus::up: return "up";
-      case OperStatus::down: return "down";
-      default: return "unknown";
+      case OperStatus::up:
+         return "up";
+      case OperStatus::down:
+         return "down";
+      default:
+         return "unknown";
    }
 }
 
-const char* toString(VrfState s) { return s == VrfState::active ? "active" : "inactive"; }
+const char* toString(VrfState s) {
+   return s == VrfState::active ? "active" : "inactive";
+}
 
 RAVEL_REGISTER_ENTITY(AllIntfStatusDir);
 RAVEL_REGISTER_ENTITY(AllIntfStatusLocalDir);

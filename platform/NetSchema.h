@@ -17,7 +17,7 @@ enum class OperStatus : uint8_t { unknown = 0, up = 1, down = 2 };
 const char* toString(OperStatus s);
 
 class IntfStatus : public Node {
-public:
+ public:
    explicit IntfStatus(IntfId id) : intfId(std::move(id)) {}
    const IntfId intfId;
    Attr<OperStatus> operStatus;
@@ -29,26 +29,26 @@ public:
 // "interface/status/all"
 class AllIntfStatusDir : public Entity {
    RAVEL_ENTITY_TYPE(AllIntfStatusDir, "Interface::AllIntfStatusDir")
-public:
+ public:
    Collection<IntfId, Ptr<IntfStatus>> intfStatus;
 };
 
 // "interface/status/local": the interfaces of this cell, same shape.
 class AllIntfStatusLocalDir : public Entity {
    RAVEL_ENTITY_TYPE(AllIntfStatusLocalDir, "Interface::AllIntfStatusLocalDir")
-public:
+ public:
    Collection<IntfId, Ptr<IntfStatus>> intfStatus;
 };
 
 // "interface/ifIndex/all": default namespace ifindex -> interface.
 class IfIndexStatus : public Entity {
    RAVEL_ENTITY_TYPE(IfIndexStatus, "Interface::IfIndexStatus")
-public:
+ public:
    Collection<uint32_t, IntfId> intfId;
 };
 
 class L3IntfStatus : public Node {
-public:
+ public:
    explicit L3IntfStatus(IntfId id) : intfId(std::move(id)) {}
    const IntfId intfId;
    Attr<VrfName> vrf;
@@ -57,7 +57,7 @@ public:
 // "l3/intf/status": interface -> VRF.
 class L3IntfStatusDir : public Entity {
    RAVEL_ENTITY_TYPE(L3IntfStatusDir, "L3::Intf::StatusDir")
-public:
+ public:
    Collection<IntfId, Ptr<L3IntfStatus>> intfStatus;
 };
 
@@ -70,24 +70,24 @@ struct IpPrefixAddr {
 };
 
 class IpIntfStatus : public Node {
-public:
+ public:
    explicit IpIntfStatus(IntfId id) : intfId(std::move(id)) {}
    const IntfId intfId;
    Attr<VrfName> vrf;
-   Attr<IpPrefixAddr> primaryAddr;          // the first IPv4 address the kernel lists
+   Attr<IpPrefixAddr> primaryAddr;  // the first IPv4 address the kernel lists
    Attr<std::set<IpPrefixAddr>> secondaryAddrs;
-   Attr<bool> ipv4Running;                  // the interface has an IPv4 address
+   Attr<bool> ipv4Running;  // the interface has an IPv4 address
 };
 
 // "ip/status"
 class IpStatus : public Entity {
    RAVEL_ENTITY_TYPE(IpStatus, "Ip::Status")
-public:
+ public:
    Collection<IntfId, Ptr<IpIntfStatus>> ipIntfStatus;
 };
 
 class Ip6IntfStatus : public Node {
-public:
+ public:
    explicit Ip6IntfStatus(IntfId id) : intfId(std::move(id)) {}
    const IntfId intfId;
    Attr<VrfName> vrf;
@@ -98,7 +98,7 @@ public:
 // "ip6/status"
 class Ip6Status : public Entity {
    RAVEL_ENTITY_TYPE(Ip6Status, "Ip6::Status")
-public:
+ public:
    Collection<IntfId, Ptr<Ip6IntfStatus>> ip6IntfStatus;
 };
 
@@ -106,7 +106,7 @@ enum class VrfState : uint8_t { inactive = 0, active = 1 };
 const char* toString(VrfState s);
 
 class VrfStatusLocal : public Node {
-public:
+ public:
    explicit VrfStatusLocal(VrfName n) : name(std::move(n)) {}
    const VrfName name;
    Attr<VrfState> state;
@@ -117,7 +117,7 @@ public:
 // "ip/vrf/status/local": one entry per non-default VRF whose namespace is known.
 class AllVrfStatusLocal : public Entity {
    RAVEL_ENTITY_TYPE(AllVrfStatusLocal, "Ip::VrfStatusLocalDir")
-public:
+ public:
    Collection<VrfName, Ptr<VrfStatusLocal>> vrf;
 };
 
@@ -144,7 +144,7 @@ struct SharedTableCorruption : std::runtime_error {
 // "arp/status": resolved ARP (IPv4) and ND (IPv6) entries; incomplete and failed ones excluded.
 class ArpTableStatus : public Entity {
    RAVEL_ENTITY_TYPE(ArpTableStatus, "Arp::Table::Status")
-public:
+ public:
    Collection<ArpKey, ArpEntry> arp;
    Collection<ArpKey, ArpEntry> nd;
    // Called with the message of a corruption found while walking.
@@ -154,7 +154,7 @@ public:
 // "vrf/vrfIdMapStatus": stable VRF ids; the default VRF is 0.
 class VrfIdMapStatus : public Entity {
    RAVEL_ENTITY_TYPE(VrfIdMapStatus, "Vrf::VrfIdMap::Status")
-public:
+ public:
    Collection<VrfId, VrfName> vrfName;
 };
 
@@ -167,7 +167,7 @@ struct KniIntf {
 // "kni/ns/<ns>/status": the kernel's interfaces of one namespace by kernel ifindex.
 class KniNsStatus : public Entity {
    RAVEL_ENTITY_TYPE(KniNsStatus, "Kni::NsStatus")
-public:
+ public:
    Collection<uint32_t, KniIntf> intf;
 };
 

@@ -11,7 +11,7 @@ namespace Ravel {
 // RAII handle of one observer. Dropping it (or calling reset) detaches the observer; it is safe
 // whichever of the notifier and the subscription dies first.
 class Subscription {
-public:
+ public:
    Subscription() = default;
    Subscription(std::weak_ptr<void> state, void (*detach)(void*, uint64_t), uint64_t id)
        : state_(std::move(state)), detach_(detach), id_(id) {}
@@ -30,13 +30,14 @@ public:
    ~Subscription() { reset(); }
 
    void reset() {
-      if (auto s = state_.lock(); s && id_) detach_(s.get(), id_);
+      if (auto s = state_.lock(); s && id_)
+         detach_(s.get(), id_);
       state_.reset();
       id_ = 0;
    }
    bool active() const { return id_ != 0 && !state_.expired(); }
 
-private:
+ private:
    std::weak_ptr<void> state_;
    void (*detach_)(void*, uint64_t) = nullptr;
    uint64_t id_ = 0;
@@ -48,7 +49,7 @@ private:
 // next notification on.
 template <typename... Args>
 class Notifier {
-public:
+ public:
    using Fn = std::function<void(Args...)>;
 
    Notifier() = default;
@@ -58,8 +59,7 @@ public:
    [[nodiscard]] Subscription subscribe(Fn fn) const {
       uint64_t id = ++state_->lastId;
       state_->observers.push_back({id, std::move(fn)});
-      return Subscription(std::weak_ptr<void>(std::static_pointer_cast<void>(state_)), &detach,
-                          id);
+      return Subscription(std::weak_ptr<void>(std::static_pointer_cast<void>(state_)), &detach, id);
    }
 
    void notify(Args... args) const {
@@ -68,20 +68,23 @@ public:
       uint64_t last = state->lastId;
       ++state->depth;
       for (size_t i = 0; i < state->observers.size(); ++i) {
-         if (state->observers[i].id == 0 || state->observers[i].id > last) continue;
+         if (state->observers[i].id == 0 || state->observers[i].id > last)
+            continue;
          Fn fn = state->observers[i].fn;  // the vector may grow during the call
          fn(args...);
       }
-      if (--state->depth == 0) compact(*state);
+      if (--state->depth == 0)
+         compact(*state);
    }
 
    size_t observerCount() const {
       size_t n = 0;
-      for (auto& o : state_->observers) n += o.id != 0;
+      for (auto& o : state_->observers)
+         n += o.id != 0;
       return n;
    }
 
-private:
+ private:
    struct Observer {
       uint64_t id;
       Fn fn;
@@ -95,9 +98,11 @@ private:
    static void detach(void* p, uint64_t id) {
       auto* s = static_cast<State*>(p);
       for (auto& o : s->observers) {
-         if (o.id == id) o.id = 0;
+         if (o.id == id)
+            o.id = 0;
       }
-      if (s->depth == 0) compact(*s);
+      if (s->depth == 0)
+         compact(*s);
    }
    static void compact(State& s) {
       std::erase_if(s.observers, [](const Observer& o) { return o.id == 0; });

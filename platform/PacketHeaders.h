@@ -12,12 +12,12 @@
 namespace Ravel {
 
 class ByteView {
-public:
+ public:
    explicit ByteView(std::span<const uint8_t> b) : b_(b) {}
    size_t size() const { return b_.size(); }
    std::span<const uint8_t> bytes() const { return b_; }
 
-protected:
+ protected:
    uint8_t u8(size_t at) const { return at < b_.size() ? b_[at] : 0; }
    uint16_t u16(size_t at) const { return static_cast<uint16_t>(u8(at) << 8 | u8(at + 1)); }
    uint32_t u32(size_t at) const { return uint32_t{u16(at)} << 16 | u16(at + 2); }
@@ -26,7 +26,7 @@ protected:
 
 // IPv4 header (RFC 791).
 class IpHdr : public ByteView {
-public:
+ public:
    using ByteView::ByteView;
    uint8_t version() const { return u8(0) >> 4; }
    size_t headerLength() const { return size_t{u8(0) & 0x0fu} * 4; }
@@ -41,7 +41,7 @@ public:
 
 // IPv6 fixed header (RFC 8200).
 class Ip6Hdr : public ByteView {
-public:
+ public:
    using ByteView::ByteView;
    static constexpr size_t kSize = 40;
    uint16_t payloadLength() const { return u16(4); }
@@ -52,7 +52,7 @@ public:
 };
 
 class IcmpHdr : public ByteView {
-public:
+ public:
    using ByteView::ByteView;
    uint8_t type() const { return u8(0); }
    uint8_t code() const { return u8(1); }
@@ -63,7 +63,7 @@ public:
 };
 
 class Icmp6Hdr : public IcmpHdr {
-public:
+ public:
    using IcmpHdr::IcmpHdr;
    // Including the RFC 8200 section 8.1 pseudo-header.
    uint16_t computedChecksum(const IpGenAddr& src, const IpGenAddr& dst, uint32_t len) const;
@@ -71,7 +71,7 @@ public:
 
 // RFC 4884 extension header.
 class IcmpExtnHdr : public ByteView {
-public:
+ public:
    using ByteView::ByteView;
    uint8_t version() const { return u8(0) >> 4; }
    uint16_t checksum() const { return u16(2); }
@@ -80,7 +80,7 @@ public:
 
 // RFC 4884 object header.
 class IcmpExtnObjHdr : public ByteView {
-public:
+ public:
    using ByteView::ByteView;
    uint16_t length() const { return u16(0); }
    uint8_t classNum() const { return u8(2); }
@@ -92,7 +92,7 @@ public:
 
 // C-Type 1: the name, NUL-padded to a 4-byte boundary. Valid when not empty and not all NUL.
 class IcmpIntfIdIfName : public ByteView {
-public:
+ public:
    using ByteView::ByteView;
    bool valid() const;
    std::string ifName() const;  // without the trailing NULs
@@ -100,7 +100,7 @@ public:
 
 // C-Type 2: a 32-bit ifIndex, exactly.
 class IcmpIntfIdIfIndex : public ByteView {
-public:
+ public:
    using ByteView::ByteView;
    bool valid() const { return size() == 4; }
    uint32_t ifIndex() const { return u32(0); }
@@ -109,7 +109,7 @@ public:
 // C-Type 3: AFI (1 IPv4, 2 IPv6), address length, reserved, address. Valid when the AFI and
 // length agree and the address fits; trailing padding is allowed.
 class IcmpIntfIdAddress : public ByteView {
-public:
+ public:
    using ByteView::ByteView;
    bool valid() const;
    IpGenAddr addr() const;

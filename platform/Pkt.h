@@ -12,7 +12,7 @@ namespace Ravel {
 
 // A packet buffer with headroom, so that headers can be stripped or prepended in place.
 class Pkt : public Node {
-public:
+ public:
    static Ptr<Pkt> create(size_t capacity, size_t headroom = 64) {
       return Ptr<Pkt>(new Pkt(capacity, headroom));
    }
@@ -48,7 +48,7 @@ public:
       return data();
    }
 
-private:
+ private:
    Pkt(size_t capacity, size_t headroom) : buf_(capacity + headroom), start_(headroom) {}
    std::vector<uint8_t> buf_;
    size_t start_;

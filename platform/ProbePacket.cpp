@@ -15,9 +15,14 @@ void put16(std::vector<uint8_t>& b, size_t at, uint16_t v) {
 std::vector<uint8_t> buildExtendedEchoRequest(AddressFamily af, uint16_t identifier, uint8_t seq,
                                               bool local, const ProbeTarget& target) {
    bool v6 = af == AddressFamily::ipv6;
-   std::vector<uint8_t> m = {static_cast<uint8_t>(v6 ? 160 : 42), 0, 0, 0,
-                             static_cast<uint8_t>(identifier >> 8), static_cast<uint8_t>(identifier),
-                             seq, static_cast<uint8_t>(local ? 1 : 0)};
+   std::vector<uint8_t> m = {static_cast<uint8_t>(v6 ? 160 : 42),
+                             0,
+                             0,
+                             0,
+                             static_cast<uint8_t>(identifier >> 8),
+                             static_cast<uint8_t>(identifier),
+                             seq,
+                             static_cast<uint8_t>(local ? 1 : 0)};
    // Extension header (version 2) and the object header; lengths and checksum filled below.
    m.insert(m.end(), {0x20, 0, 0, 0, 0, 0, 3, 0});
    uint8_t cType;
@@ -39,12 +44,14 @@ std::vector<uint8_t> buildExtendedEchoRequest(AddressFamily af, uint16_t identif
    m[15] = cType;
    put16(m, 12, static_cast<uint16_t>(m.size() - 12));
    put16(m, 10, internetChecksum({m.data() + 8, m.size() - 8}));
-   if (!v6) put16(m, 2, internetChecksum(m));
+   if (!v6)
+      put16(m, 2, internetChecksum(m));
    return m;
 }
 
 void fillIcmp6Checksum(std::span<uint8_t> msg, const IpGenAddr& src, const IpGenAddr& dst) {
-   if (msg.size() < 4) return;
+   if (msg.size() < 4)
+      return;
    msg[2] = msg[3] = 0;
    uint16_t sum = Icmp6Hdr(msg).computedChecksum(src, dst, static_cast<uint32_t>(msg.size()));
    msg[2] = static_cast<uint8_t>(sum >> 8);
@@ -52,7 +59,8 @@ void fillIcmp6Checksum(std::span<uint8_t> msg, const IpGenAddr& src, const IpGen
 }
 
 std::optional<ExtendedEchoReply> parseExtendedEchoReply(std::span<const uint8_t> icmp) {
-   if (icmp.size() < 8 || (icmp[0] != 43 && icmp[0] != 161)) return std::nullopt;
+   if (icmp.size() < 8 || (icmp[0] != 43 && icmp[0] != 161))
+      return std::nullopt;
    ExtendedEchoReply r;
    r.type = icmp[0];
    r.code = icmp[1];
@@ -67,12 +75,18 @@ std::optional<ExtendedEchoReply> parseExtendedEchoReply(std::span<const uint8_t>
 
 const char* extendedEchoReplyCodeName(uint8_t code) {
    switch (code) {
-      case 0: return "No Error";
-      case 1: return "Malformed Query";
-      case 2: return "No Such Interface";
-      case 3: return "No Such Table Entry";
-      case 4: return "Multiple Interfaces Satisfy Query";
-      default: return "Unknown";
+      case 0:
+         return "No Error";
+      case 1:
+         return "Malformed Query";
+      case 2:
+         return "No Such Interface";
+      case 3:
+         return "No Such Table Entry";
+      case 4:
+         return "Multiple Interfaces Satisfy Query";
+      default:
+         return "Unknown";
    }
 }
 

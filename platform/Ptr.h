@@ -9,7 +9,7 @@ namespace Ravel {
 // a reference to itself (reactors register `this` with their inputs). Single-threaded by design:
 // everything runs on the scheduler thread.
 class Node {
-public:
+ public:
    Node() = default;
    Node(const Node&) = delete;
    Node& operator=(const Node&) = delete;
@@ -23,17 +23,18 @@ public:
    }
    uint32_t refCount() const noexcept { return refCount_; }
 
-private:
+ private:
    mutable uint32_t refCount_ = 0;
 };
 
 template <typename T>
 class Ptr {
-public:
+ public:
    Ptr() noexcept = default;
    Ptr(std::nullptr_t) noexcept {}
    Ptr(T* p) noexcept : p_(p) {  // NOLINT: implicit like a raw pointer
-      if (p_) p_->refInc();
+      if (p_)
+         p_->refInc();
    }
    Ptr(const Ptr& o) noexcept : Ptr(o.p_) {}
    Ptr(Ptr&& o) noexcept : p_(std::exchange(o.p_, nullptr)) {}
@@ -50,7 +51,8 @@ public:
       return *this;
    }
    void reset() noexcept {
-      if (T* p = std::exchange(p_, nullptr)) p->refDec();
+      if (T* p = std::exchange(p_, nullptr))
+         p->refDec();
    }
    void swap(Ptr& o) noexcept { std::swap(p_, o.p_); }
 
@@ -62,7 +64,7 @@ public:
    friend bool operator==(const Ptr& a, const Ptr& b) noexcept { return a.p_ == b.p_; }
    friend bool operator==(const Ptr& a, std::nullptr_t) noexcept { return a.p_ == nullptr; }
 
-private:
+ private:
    T* p_ = nullptr;
 };
 

@@ -25,22 +25,29 @@ std::unique_ptr<Scheduler> gOwnedDefault;
 }  // namespace
 
 Scheduler& Scheduler::defaultScheduler() {
-   if (gDefault) return *gDefault;
-   if (!gOwnedDefault) gOwnedDefault = std::make_unique<Scheduler>();
+   if (gDefault)
+      return *gDefault;
+   if (!gOwnedDefault)
+      gOwnedDefault = std::make_unique<Scheduler>();
    return *gOwnedDefault;
 }
 
-void Scheduler::defaultIs(Scheduler* s) { gDefault = s; }
+void Scheduler::defaultIs(Scheduler* s) {
+   gDefault = s;
+}
 
 TaskBase::TaskBase(Scheduler& sched, std::string name, int priority, Handler handler)
     : sched_(sched), name_(std::move(name)), priority_(priority), handler_(std::move(handler)) {
    RAVEL_ASSERT(handler_);
 }
 
-TaskBase::~TaskBase() { sched_.forget(this); }
+TaskBase::~TaskBase() {
+   sched_.forget(this);
+}
 
 void TaskBase::makeRunnable() {
-   if (!runnable_) sched_.enqueue(this);
+   if (!runnable_)
+      sched_.enqueue(this);
 }
 
 void TaskBase::run() {
@@ -49,21 +56,28 @@ void TaskBase::run() {
    handler_();
 }
 
-void TimerTask::scheduleTaskDelay(Seconds delay) { scheduleTaskAt(scheduler().now() + delay); }
+void TimerTask::scheduleTaskDelay(Seconds delay) {
+   scheduleTaskAt(scheduler().now() + delay);
+}
 
 void TimerTask::scheduleTaskAt(Seconds when) {
-   if (when >= expiration_) return;
-   if (expiration_ == kNever) scheduler().timers_.push_back(this);
+   if (when >= expiration_)
+      return;
+   if (expiration_ == kNever)
+      scheduler().timers_.push_back(this);
    expiration_ = when;
 }
 
 void TimerTask::cancel() {
-   if (expiration_ == kNever) return;
+   if (expiration_ == kNever)
+      return;
    expiration_ = kNever;
    std::erase(scheduler().timers_, this);
 }
 
-TimerTask::~TimerTask() { cancel(); }
+TimerTask::~TimerTask() {
+   cancel();
+}
 
 FdTask::FdTask(Scheduler& sched, std::string name, int priority, int fd, Handler handler)
     : TaskBase(sched, std::move(name), priority, std::move(handler)), fd_(fd) {
@@ -94,7 +108,8 @@ void FdTask::beforeRun() {
 
 void FdTask::updateEpoll() {
    bool want = watch_ || oneShot_;
-   if (want == inEpoll_) return;
+   if (want == inEpoll_)
+      return;
    epoll_event ev{};
    ev.events = EPOLLIN;
    ev.data.ptr = this;
@@ -108,13 +123,15 @@ void FdTask::updateEpoll() {
 
 Scheduler::Scheduler(std::shared_ptr<Clock> clock) : clock_(std::move(clock)) {
    epollFd_ = epoll_create1(EPOLL_CLOEXEC);
-   if (epollFd_ < 0) throwErrno("epoll_create1");
+   if (epollFd_ < 0)
+      throwErrno("epoll_create1");
 }
 
 Scheduler::~Scheduler() {
    RAVEL_ASSERT_MSG(runQueue_.empty() && timers_.empty(), "tasks outlive their scheduler");
    close(epollFd_);
-   if (gDefault == this) gDefault = nullptr;
+   if (gDefault == this)
+      gDefault = nullptr;
 }
 
 void Scheduler::enqueue(TaskBase* t) {
@@ -128,11 +145,13 @@ void Scheduler::forget(TaskBase* t) {
       runQueue_.erase({t->priority_, t->seq_});
       t->runnable_ = false;
    }
-   if (current_ == t) current_ = nullptr;
+   if (current_ == t)
+      current_ = nullptr;
 }
 
 bool Scheduler::taskShouldYield() {
-   if (forceYieldAfter_ != 0) return ++yieldQuestions_ >= forceYieldAfter_;
+   if (forceYieldAfter_ != 0)
+      return ++yieldQuestions_ >= forceYieldAfter_;
    return now() - sliceStart_ >= slice_;
 }
 
@@ -141,7 +160,8 @@ void Scheduler::fireExpiredTimers() {
    // Earliest first, so that timers due in the same pass run in expiration order.
    std::vector<TimerTask*> due;
    for (TimerTask* timer : timers_) {
-      if (timer->expiration_ <= t) due.push_back(timer);
+      if (timer->expiration_ <= t)
+         due.push_back(timer);
    }
    std::sort(due.begin(), due.end(),
              [](auto* a, auto* b) { return a->expiration_ < b->expiration_; });
@@ -158,7 +178,8 @@ size_t Scheduler::runOnce(Seconds maxWait) {
    for (;;) {
       auto it = std::find_if(runQueue_.begin(), runQueue_.end(),
                              [bound](auto& e) { return e.first.second < bound; });
-      if (it == runQueue_.end()) break;
+      if (it == runQueue_.end())
+         break;
       TaskBase* t = it->second;
       runQueue_.erase(it);
       t->runnable_ = false;
@@ -180,7 +201,8 @@ void Scheduler::poll(Seconds maxWait) {
    int timeoutMs = std::isinf(maxWait) ? -1 : static_cast<int>(std::ceil(maxWait * 1000));
    int n = epoll_wait(epollFd_, events, 64, timeoutMs);
    if (n < 0) {
-      if (errno == EINTR) return;
+      if (errno == EINTR)
+         return;
       throwErrno("epoll_wait");
    }
    for (int i = 0; i < n; ++i) {
@@ -190,7 +212,8 @@ void Scheduler::poll(Seconds maxWait) {
 
 void Scheduler::run() {
    stopRequested_ = false;
-   while (!stopRequested_) runOnce(kNever);
+   while (!stopRequested_)
+      runOnce(kNever);
 }
 
 size_t Scheduler::runUntilIdle(size_t maxRuns) {
@@ -199,7 +222,8 @@ size_t Scheduler::runUntilIdle(size_t maxRuns) {
       size_t r = runOnce(0);
       runs += r;
       bool expired = nextExpiration() <= now();
-      if ((r == 0 && runQueue_.empty() && !expired) || runs >= maxRuns) return runs;
+      if ((r == 0 && runQueue_.empty() && !expired) || runs >= maxRuns)
+         return runs;
    }
 }
 
@@ -216,11 +240,14 @@ size_t Scheduler::advance(Seconds d) {
    return runs + runUntilIdle();
 }
 
-size_t Scheduler::runnableCount() const { return runQueue_.size(); }
+size_t Scheduler::runnableCount() const {
+   return runQueue_.size();
+}
 
 Seconds Scheduler::nextExpiration() const {
    Seconds e = kNever;
-   for (auto* t : timers_) e = std::min(e, t->expiration_);
+   for (auto* t : timers_)
+      e = std::min(e, t->expiration_);
    return e;
 }
 

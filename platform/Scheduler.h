@@ -17,7 +17,7 @@ class Scheduler;
 // Common state of the three task kinds. Lower priority numbers run first; equal priorities run
 // in the order they became runnable.
 class TaskBase {
-public:
+ public:
    using Handler = std::function<void()>;
    TaskBase(Scheduler& sched, std::string name, int priority, Handler handler);
    TaskBase(const TaskBase&) = delete;
@@ -37,11 +37,11 @@ public:
    uint64_t pendingWork() const { return pendingWork_; }
    bool hasPendingWork() const { return pendingWork_ != 0; }
 
-protected:
+ protected:
    void makeRunnable();
    virtual void beforeRun() {}
 
-private:
+ private:
    friend class Scheduler;
    void run();
 
@@ -58,7 +58,7 @@ private:
 
 // Runs its handler once per scheduleTask(); scheduling an already runnable task is a no-op.
 class Task : public TaskBase {
-public:
+ public:
    using TaskBase::TaskBase;
    void scheduleTask() { makeRunnable(); }
 };
@@ -66,7 +66,7 @@ public:
 // Runs its handler once when its expiration time passes. Arming with a later time than the
 // current one keeps the earlier (lowest delay wins); the handler runs with the timer disarmed.
 class TimerTask : public TaskBase {
-public:
+ public:
    using TaskBase::TaskBase;
    ~TimerTask() override;
    void scheduleTaskDelay(Seconds delay);
@@ -74,7 +74,7 @@ public:
    void cancel();
    Seconds currentExpirationTime() const { return expiration_; }
 
-private:
+ private:
    friend class Scheduler;
    Seconds expiration_ = kNever;
 };
@@ -83,7 +83,7 @@ private:
 // readiness while taskWatchReadableIs(true) (level-triggered: the handler should drain the fd or
 // it runs again on the next pass).
 class FdTask : public TaskBase {
-public:
+ public:
    FdTask(Scheduler& sched, std::string name, int priority, int fd, Handler handler);
    ~FdTask() override;
    int fd() const { return fd_; }
@@ -91,7 +91,7 @@ public:
    void taskWatchReadableIs(bool watch);
    bool taskWatchReadable() const { return watch_; }
 
-private:
+ private:
    friend class Scheduler;
    void beforeRun() override;
    void updateEpoll();
@@ -103,7 +103,7 @@ private:
 
 // Single-threaded cooperative scheduler on epoll. Everything of the agent runs inside its loop.
 class Scheduler {
-public:
+ public:
    explicit Scheduler(std::shared_ptr<Clock> clock = std::make_shared<MonotonicClock>());
    Scheduler(const Scheduler&) = delete;
    Scheduler& operator=(const Scheduler&) = delete;
@@ -141,7 +141,7 @@ public:
    size_t runnableCount() const;
    Seconds nextExpiration() const;
 
-private:
+ private:
    friend class TaskBase;
    friend class TimerTask;
    friend class FdTask;
@@ -165,7 +165,7 @@ private:
 };
 
 class ScopedDefaultScheduler {
-public:
+ public:
    explicit ScopedDefaultScheduler(Scheduler& s) { Scheduler::defaultIs(&s); }
    ~ScopedDefaultScheduler() { Scheduler::defaultIs(nullptr); }
 };

@@ -22,16 +22,17 @@ constexpr int kTaskPriority = 3;
 constexpr size_t kMaxPacket = 65535;
 
 class ScopedFd {
-public:
+ public:
    explicit ScopedFd(int fd) : fd_(fd) {}
    ~ScopedFd() {
-      if (fd_ >= 0) ::close(fd_);
+      if (fd_ >= 0)
+         ::close(fd_);
    }
    ScopedFd(const ScopedFd&) = delete;
    ScopedFd& operator=(const ScopedFd&) = delete;
    int get() const { return fd_; }
 
-private:
+ private:
    int fd_;
 };
 
@@ -53,15 +54,19 @@ void inNamespace(const std::string& nsPath, const std::function<void()>& fn) {
       return;
    }
    ScopedFd target(::open(nsPath.c_str(), O_RDONLY | O_CLOEXEC));
-   if (target.get() < 0) throwErrno("open " + nsPath);
+   if (target.get() < 0)
+      throwErrno("open " + nsPath);
    ScopedFd home(::open("/proc/thread-self/ns/net", O_RDONLY | O_CLOEXEC));
-   if (home.get() < 0) throwErrno("open own namespace");
-   if (::setns(target.get(), CLONE_NEWNET) != 0) throwErrno("setns " + nsPath);
+   if (home.get() < 0)
+      throwErrno("open own namespace");
+   if (::setns(target.get(), CLONE_NEWNET) != 0)
+      throwErrno("setns " + nsPath);
    struct Return {
       int fd;
       ~Return() {
          // Staying in the wrong namespace would silently break every later socket.
-         if (::setns(fd, CLONE_NEWNET) != 0) std::abort();
+         if (::setns(fd, CLONE_NEWNET) != 0)
+            std::abort();
       }
    } back{home.get()};
    fn();
@@ -74,7 +79,8 @@ SocketPam::SocketPam(std::string name, AddressFamily af, int protocol, std::stri
    int domain = af == AddressFamily::ipv4 ? AF_INET : AF_INET6;
    inNamespace(path, [&] {
       fd_ = ::socket(domain, SOCK_RAW | SOCK_NONBLOCK | SOCK_CLOEXEC, protocol);
-      if (fd_ < 0) throwErrno("socket for " + name_);
+      if (fd_ < 0)
+         throwErrno("socket for " + name_);
    });
    // Nothing is received until the owner chooses a filter.
    try {
@@ -91,10 +97,13 @@ SocketPam::SocketPam(std::string name, AddressFamily af, int protocol, std::stri
 
 SocketPam::~SocketPam() {
    task_.reset();
-   if (fd_ >= 0) ::close(fd_);
+   if (fd_ >= 0)
+      ::close(fd_);
 }
 
-void SocketPam::filterProgramIs(const SockFilterProgram& prog) { attachFilter(fd_, prog); }
+void SocketPam::filterProgramIs(const SockFilterProgram& prog) {
+   attachFilter(fd_, prog);
+}
 
 void SocketPam::optionsIs(unsigned options) {
    options_ = options;
@@ -102,7 +111,8 @@ void SocketPam::optionsIs(unsigned options) {
    int rc = af_ == AddressFamily::ipv4
                 ? ::setsockopt(fd_, IPPROTO_IP, IP_PKTINFO, &on, sizeof on)
                 : ::setsockopt(fd_, IPPROTO_IPV6, IPV6_RECVPKTINFO, &on, sizeof on);
-   if (rc != 0) throwErrno("packet info option on " + name_);
+   if (rc != 0)
+      throwErrno("packet info option on " + name_);
 }
 
 void SocketPam::enabledIs(bool enabled) {
@@ -111,20 +121,24 @@ void SocketPam::enabledIs(bool enabled) {
       task_.reset();
       return;
    }
-   if (task_) return;
-   task_ = std::make_unique<FdTask>(Scheduler::defaultScheduler(), name_, kTaskPriority, fd_, [this] {
-      if (readable_.observerCount() > 0) {
-         readable_.notify();
-         return;
-      }
-      // Nobody reads: drop what waits rather than spin on a readable socket.
-      while (::recv(fd_, nullptr, 0, MSG_DONTWAIT | MSG_TRUNC) >= 0) ++counters_.rxDrops;
-   });
+   if (task_)
+      return;
+   task_ =
+       std::make_unique<FdTask>(Scheduler::defaultScheduler(), name_, kTaskPriority, fd_, [this] {
+          if (readable_.observerCount() > 0) {
+             readable_.notify();
+             return;
+          }
+          // Nobody reads: drop what waits rather than spin on a readable socket.
+          while (::recv(fd_, nullptr, 0, MSG_DONTWAIT | MSG_TRUNC) >= 0)
+             ++counters_.rxDrops;
+       });
    task_->taskWatchReadableIs(true);
 }
 
 Ptr<Pkt> SocketPam::rxPkt() {
-   if (rxBuf_.empty()) rxBuf_.resize(kMaxPacket);
+   if (rxBuf_.empty())
+      rxBuf_.resize(kMaxPacket);
    sockaddr_storage from{};
    iovec iov{rxBuf_.data(), rxBuf_.size()};
    alignas(cmsghdr) char control[128];
@@ -238,7 +252,8 @@ void SocketPam::txPktIs(const Ptr<Pkt>& pkt) {
    msg.msg_name = &to;
    msg.msg_namelen = toLen;
    msg.msg_controllen = used;
-   if (used == 0) msg.msg_control = nullptr;
+   if (used == 0)
+      msg.msg_control = nullptr;
    ssize_t n = ::sendmsg(fd_, &msg, MSG_DONTWAIT);
    if (n < 0) {
       txErrno_ = errno;
@@ -254,7 +269,7 @@ void SocketPam::txPktIs(const Ptr<Pkt>& pkt) {
 namespace {
 
 class SocketPamFactory : public PamFactory {
-public:
+ public:
    explicit SocketPamFactory(std::string dir) : dir_(std::move(dir)) {}
    Ptr<IpPam> ipSocketPamFactory(const std::string& name, int protocol,
                                  const std::string& ns) override {
@@ -265,7 +280,7 @@ public:
       return make<SocketPam>(name, AddressFamily::ipv6, protocol, ns, dir_);
    }
 
-private:
+ private:
    std::string dir_;
 };
 

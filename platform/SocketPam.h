@@ -14,7 +14,7 @@ namespace Ravel {
 // from a level-triggered FdTask that is armed only while the PAM is enabled and observed:
 // with nobody reading, a readable socket would otherwise keep the scheduler spinning.
 class SocketPam : public IpPam {
-public:
+ public:
    // Opens the socket in `<netnsDir>/<namespaceName>` (the current namespace when the name is
    // empty). Throws Errno (ENOENT when the namespace file is missing).
    SocketPam(std::string name, AddressFamily af, int protocol, std::string namespaceName,
@@ -28,7 +28,7 @@ public:
    void txPktIs(const Ptr<Pkt>& pkt) override;
    int fd() const { return fd_; }
 
-private:
+ private:
    void updateWatch();
 
    int fd_ = -1;

@@ -46,10 +46,13 @@ uint32_t parseLevels(std::string_view s) {
       std::string_view part = s.substr(0, comma);
       auto dash = part.find('-');
       int lo = std::atoi(std::string(part.substr(0, dash)).c_str());
-      int hi = dash == std::string_view::npos ? lo
-                                              : std::atoi(std::string(part.substr(dash + 1)).c_str());
-      for (int l = lo; l <= hi && l < TraceCategory::kLevels; ++l) mask |= 1u << l;
-      if (comma == std::string_view::npos) break;
+      int hi = dash == std::string_view::npos
+                   ? lo
+                   : std::atoi(std::string(part.substr(dash + 1)).c_str());
+      for (int l = lo; l <= hi && l < TraceCategory::kLevels; ++l)
+         mask |= 1u << l;
+      if (comma == std::string_view::npos)
+         break;
       s.remove_prefix(comma + 1);
    }
    return mask;
@@ -58,7 +61,8 @@ uint32_t parseLevels(std::string_view s) {
 uint32_t maskFor(std::string_view name) {
    uint32_t mask = 0;
    for (auto& sel : selections()) {
-      if (sel.category == "*" || sel.category == name) mask = sel.mask;
+      if (sel.category == "*" || sel.category == name)
+         mask = sel.mask;
    }
    return mask;
 }
@@ -66,7 +70,8 @@ uint32_t maskFor(std::string_view name) {
 }  // namespace
 
 TraceCategory& TraceCategory::get(const char* name) {
-   if (!configured()) configureFromEnv();
+   if (!configured())
+      configureFromEnv();
    auto& r = registry();
    auto it = r.find(name);
    if (it == r.end()) {
@@ -77,11 +82,15 @@ TraceCategory& TraceCategory::get(const char* name) {
    return *it->second;
 }
 
-bool TraceCategory::enabled(int level) const { return textEnabled(level) || lumen::active(); }
+bool TraceCategory::enabled(int level) const {
+   return textEnabled(level) || lumen::active();
+}
 
 void TraceCategory::emit(int level, const char* func, std::string_view msg) const {
-   if (lumen::active()) lumen::record(level, name_, func, msg);
-   if (!textEnabled(level)) return;
+   if (lumen::active())
+      lumen::record(level, name_, func, msg);
+   if (!textEnabled(level))
+      return;
    timeval tv{};
    gettimeofday(&tv, nullptr);
    tm t{};
@@ -110,10 +119,12 @@ void TraceCategory::configure(const std::string& spec) {
       } else if (!item.empty()) {
          sels.push_back({std::string(item), (1u << kLevels) - 1});
       }
-      if (comma == std::string_view::npos) break;
+      if (comma == std::string_view::npos)
+         break;
       s.remove_prefix(comma + 1);
    }
-   for (auto& [name, cat] : registry()) cat->textMask_ = maskFor(name);
+   for (auto& [name, cat] : registry())
+      cat->textMask_ = maskFor(name);
 }
 
 void TraceCategory::configureFromEnv() {

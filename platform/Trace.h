@@ -12,7 +12,7 @@ namespace Ravel {
 // 5-8 per-packet detail. Two sinks: the text trace on stderr, selected by the RAVEL_TRACE
 // environment variable (see README), and the ring-file recorder (Lumen) once initialised.
 class TraceCategory {
-public:
+ public:
    static constexpr int kLevels = 10;
    static TraceCategory& get(const char* name);
 
@@ -25,7 +25,7 @@ public:
    static void configure(const std::string& spec);
    static void configureFromEnv();
 
-private:
+ private:
    explicit TraceCategory(const char* name) : name_(name) {}
    const char* name_;
    uint32_t textMask_ = 0;
@@ -37,9 +37,9 @@ private:
 #define RAVEL_TRACE_CATEGORY(name) \
    static ::Ravel::TraceCategory& ravelTraceCategory_ = ::Ravel::TraceCategory::get(name)
 
-#define TRACE(level, ...)                                                               \
-   do {                                                                                 \
-      if (ravelTraceCategory_.enabled(level)) {                                         \
-         ravelTraceCategory_.emit(level, __func__, ::fmt::format(__VA_ARGS__));         \
-      }                                                                                 \
+#define TRACE(level, ...)                                                       \
+   do {                                                                         \
+      if (ravelTraceCategory_.enabled(level)) {                                 \
+         ravelTraceCategory_.emit(level, __func__, ::fmt::format(__VA_ARGS__)); \
+      }                                                                         \
    } while (0)

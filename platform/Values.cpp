@@ -10,9 +10,12 @@ namespace Ravel {
 
 const char* toString(AddressFamily af) {
    switch (af) {
-      case AddressFamily::ipv4: return "ipv4";
-      case AddressFamily::ipv6: return "ipv6";
-      default: return "ipunknown";
+      case AddressFamily::ipv4:
+         return "ipv4";
+      case AddressFamily::ipv6:
+         return "ipv6";
+      default:
+         return "ipunknown";
    }
 }
 
@@ -23,7 +26,9 @@ VrfName::VrfName(std::string name) : name_(std::move(name)) {
    }
 }
 
-std::string VrfName::nsName() const { return isDefault() ? std::string() : "ns-" + name_; }
+std::string VrfName::nsName() const {
+   return isDefault() ? std::string() : "ns-" + name_;
+}
 
 IpGenAddr::IpGenAddr(const in_addr& a) : af_(AddressFamily::ipv4) {
    std::memcpy(b_.data(), &a, 4);
@@ -39,9 +44,11 @@ IpGenAddr IpGenAddr::v4(uint32_t hostOrder) {
 std::optional<IpGenAddr> IpGenAddr::parse(std::string_view text) {
    std::string s(text);
    in_addr a4{};
-   if (inet_pton(AF_INET, s.c_str(), &a4) == 1) return IpGenAddr(a4);
+   if (inet_pton(AF_INET, s.c_str(), &a4) == 1)
+      return IpGenAddr(a4);
    in6_addr a6{};
-   if (inet_pton(AF_INET6, s.c_str(), &a6) == 1) return IpGenAddr(a6);
+   if (inet_pton(AF_INET6, s.c_str(), &a6) == 1)
+      return IpGenAddr(a6);
    return std::nullopt;
 }
 
@@ -73,29 +80,34 @@ in6_addr IpGenAddr::v6Addr() const {
 }
 bool IpGenAddr::isZero() const {
    for (uint8_t b : bytes()) {
-      if (b) return false;
+      if (b)
+         return false;
    }
    return true;
 }
 
 std::string IpGenAddr::str() const {
    char buf[INET6_ADDRSTRLEN] = {};
-   if (isV4()) return inet_ntop(AF_INET, b_.data(), buf, sizeof buf);
-   if (isV6()) return inet_ntop(AF_INET6, b_.data(), buf, sizeof buf);
+   if (isV4())
+      return inet_ntop(AF_INET, b_.data(), buf, sizeof buf);
+   if (isV6())
+      return inet_ntop(AF_INET6, b_.data(), buf, sizeof buf);
    return "";
 }
 
 namespace {
 void checkDeviceName(std::string_view name) {
-   if (name.empty()) throw std::invalid_argument("empty interface name");
+   if (name.empty())
+      throw std::invalid_argument("empty interface name");
    if (name.size() >= IFNAMSIZ) {
-      throw std::invalid_argument(
-          fmt::format("interface name longer than {} bytes", IFNAMSIZ - 1));
+      throw std::invalid_argument(fmt::format("interface name longer than {} bytes", IFNAMSIZ - 1));
    }
-   if (name == "." || name == "..") throw std::invalid_argument("interface name is . or ..");
+   if (name == "." || name == "..")
+      throw std::invalid_argument("interface name is . or ..");
    for (unsigned char c : name) {
       if (c <= ' ' || c == '/' || c == ':' || c == 0x7f) {
-         throw std::invalid_argument(fmt::format("invalid character 0x{:02x} in interface name", c));
+         throw std::invalid_argument(
+             fmt::format("invalid character 0x{:02x} in interface name", c));
       }
    }
 }
@@ -103,7 +115,8 @@ void checkDeviceName(std::string_view name) {
 
 IntfId::IntfId(std::string_view name) {
    // Trailing NULs come from fixed-size fields (RFC 8335 pads names to 4 bytes).
-   while (!name.empty() && name.back() == '\0') name.remove_suffix(1);
+   while (!name.empty() && name.back() == '\0')
+      name.remove_suffix(1);
    // "<vrf>/<device>" names an interface of a VRF's namespace. Linux forbids '/' in device
    // names, so the qualified form can never collide with a real device of the default VRF.
    if (auto slash = name.find('/'); slash != std::string_view::npos) {

@@ -20,7 +20,7 @@ const char* toString(AddressFamily af);
 
 // A VRF's name; the default VRF is "default". Longer than kMaxLen is a range error.
 class VrfName {
-public:
+ public:
    static constexpr size_t kMaxLen = 100;
    VrfName() = default;
    VrfName(std::string name);  // throws std::length_error
@@ -35,7 +35,7 @@ public:
    auto operator<=>(const VrfName&) const = default;
    bool operator==(const VrfName&) const = default;
 
-private:
+ private:
    std::string name_;
 };
 
@@ -43,7 +43,7 @@ using NsInode = uint64_t;
 
 // An IPv4 or IPv6 address with its family; the unknown family is the empty address.
 class IpGenAddr {
-public:
+ public:
    IpGenAddr() = default;
    explicit IpGenAddr(const in_addr& a);
    explicit IpGenAddr(const in6_addr& a);
@@ -65,14 +65,14 @@ public:
    auto operator<=>(const IpGenAddr&) const = default;
    bool operator==(const IpGenAddr&) const = default;
 
-private:
+ private:
    AddressFamily af_ = AddressFamily::ipunknown;
    std::array<uint8_t, 16> b_{};
 };
 
 // Interface identifier, made from an interface name. The empty IntfId means "none".
 class IntfId {
-public:
+ public:
    IntfId() = default;
    // Parses and normalises an interface name: a Linux device name for the default VRF, or
    // "<vrf>/<device>" for a device in VRF <vrf>'s namespace ("default/eth0" is "eth0").
@@ -88,7 +88,7 @@ public:
    auto operator<=>(const IntfId&) const = default;
    bool operator==(const IntfId&) const = default;
 
-private:
+ private:
    std::string name_;
 };
 
@@ -108,12 +108,12 @@ struct fmt::formatter<Ravel::AddressFamily> : fmt::formatter<std::string_view> {
       return fmt::formatter<std::string_view>::format(Ravel::toString(v), ctx);
    }
 };
-#define RAVEL_STR_FORMATTER(T)                                                   \
-   template <>                                                                   \
-   struct fmt::formatter<T> : fmt::formatter<std::string_view> {                 \
-      auto format(const T& v, format_context& ctx) const {                       \
+#define RAVEL_STR_FORMATTER(T)                                                       \
+   template <>                                                                       \
+   struct fmt::formatter<T> : fmt::formatter<std::string_view> {                     \
+      auto format(const T& v, format_context& ctx) const {                           \
          return fmt::formatter<std::string_view>::format(std::string(v.str()), ctx); \
-      }                                                                          \
+      }                                                                              \
    }
 RAVEL_STR_FORMATTER(Ravel::VrfName);
 RAVEL_STR_FORMATTER(Ravel::IpGenAddr);

@@ -21,7 +21,9 @@ constexpr uint8_t kIcmp6ExtendedEchoReply = 161;
 constexpr uint8_t kIntfIdClass = 3;
 constexpr uint8_t kStateReachable = 2;
 
-uint16_t read16(const uint8_t* p) { return static_cast<uint16_t>(p[0] << 8 | p[1]); }
+uint16_t read16(const uint8_t* p) {
+   return static_cast<uint16_t>(p[0] << 8 | p[1]);
+}
 uint32_t read32(const uint8_t* p) {
    return uint32_t{p[0]} << 24 | uint32_t{p[1]} << 16 | uint32_t{p[2]} << 8 | p[3];
 }
@@ -48,14 +50,17 @@ bool validUtf8(std::string_view s) {
       } else {
          return false;
       }
-      if (i + len > s.size()) return false;
+      if (i + len > s.size())
+         return false;
       for (size_t k = 1; k < len; ++k) {
          auto cc = static_cast<unsigned char>(s[i + k]);
-         if ((cc & 0xc0) != 0x80) return false;
+         if ((cc & 0xc0) != 0x80)
+            return false;
          cp = cp << 6 | (cc & 0x3f);
       }
       static constexpr uint32_t kMin[] = {0, 0, 0x80, 0x800, 0x10000};
-      if (cp < kMin[len] || cp > 0x10ffff || (cp >= 0xd800 && cp <= 0xdfff)) return false;
+      if (cp < kMin[len] || cp > 0x10ffff || (cp >= 0xd800 && cp <= 0xdfff))
+         return false;
       i += len;
    }
    return true;
@@ -139,9 +144,11 @@ RootSm::RootSm(Ptr<Queues> queues, Ptr<AllIntfStatusDir> allIntfStatusDir,
    inputSub_ = queues_->inputSubscribe([this] { handleInputQueued(); });
    outputSub_ = queues_->outputSubscribe([this] { handleOutputQueued(); });
    if (pamCollection_) {
-      pamCollectionSub_ = pamCollection_->pam.subscribe(
-          [this](const VrfNameAndAddressFamily& k) { handlePamCollection(k, pamCollection_->pamGet(k)); });
-      for (auto& [key, pam] : pamCollection_->pam) handlePamCollection(key, pam);
+      pamCollectionSub_ = pamCollection_->pam.subscribe([this](const VrfNameAndAddressFamily& k) {
+         handlePamCollection(k, pamCollection_->pamGet(k));
+      });
+      for (auto& [key, pam] : pamCollection_->pam)
+         handlePamCollection(key, pam);
    }
 }
 
@@ -166,16 +173,22 @@ ParseResultCode RootSm::parsePacket(const QueueEntry& entry, PacketParserResult&
    IntermediateParserResult im;
    ParseResultCode rc;
    switch (entry.src.af()) {
-      case AddressFamily::ipv4: rc = parseIcmp4(*entry.pkt, im, result); break;
-      case AddressFamily::ipv6: rc = parseIcmp6(entry, im, result); break;
+      case AddressFamily::ipv4:
+         rc = parseIcmp4(*entry.pkt, im, result);
+         break;
+      case AddressFamily::ipv6:
+         rc = parseIcmp6(entry, im, result);
+         break;
       default:
          TRACE(5, "Unknown address family");
          status_->unknownAfInc(1);
          return ParseResultCode::malformedPacket;
    }
-   if (rc != ParseResultCode::good) return rc;
+   if (rc != ParseResultCode::good)
+      return rc;
    rc = parseExtendedIcmp(*entry.pkt, im);
-   if (rc != ParseResultCode::good) return rc;
+   if (rc != ParseResultCode::good)
+      return rc;
    return parseExtendedIcmpObject(im, result);
 }
 
@@ -219,8 +232,8 @@ ParseResultCode RootSm::parseIcmp4(Pkt& pkt, IntermediateParserResult& im,
       status_->incorrectIcmpTypeInc(1);
       return ParseResultCode::malformedPacket;
    }
-   uint16_t sum = IcmpHdr(std::span<const uint8_t>(pkt.data(), m))
-                      .computedChecksum(static_cast<uint16_t>(m));
+   uint16_t sum =
+       IcmpHdr(std::span<const uint8_t>(pkt.data(), m)).computedChecksum(static_cast<uint16_t>(m));
    if (sum != 0) {
       TRACE(5, "Bad ICMP checksum {}", sum);
       status_->incorrectIcmpChecksumInc(1);
@@ -290,8 +303,7 @@ ParseResultCode RootSm::parseExtendedIcmp(const Pkt& pkt, IntermediateParserResu
       return ParseResultCode::malformedPacket;
    }
    uint16_t span = static_cast<uint16_t>(length + 4);
-   uint16_t sum =
-       IcmpExtnHdr(std::span<const uint8_t>(d + 8, span)).computedChecksum(span);
+   uint16_t sum = IcmpExtnHdr(std::span<const uint8_t>(d + 8, span)).computedChecksum(span);
    if (sum != 0) {
       TRACE(5, "Bad Extension Header checksum");
       status_->incorrectExtensionChecksumInc(1);
@@ -343,7 +355,9 @@ ParseResultCode RootSm::parseExtendedIcmpObject(IntermediateParserResult& im,
          TRACE(5, "Badly formatted Interface Name Interface ID");
          break;
       }
-      default: TRACE(5, "Bad Extension Object C-Type {}", cType); break;
+      default:
+         TRACE(5, "Bad Extension Object C-Type {}", cType);
+         break;
    }
    status_->badExtensionObjectInc(1);
    return ParseResultCode::malformedRequest;
@@ -356,11 +370,13 @@ bool RootSm::requestAllowed(const PacketParserResult& result) const {
    }
    const RequestedInterface& intf = result.interface;
    if (!result.localNode()) {
-      if (!config_->remote()) TRACE(4, "Request specified disallowed remote L=0");
+      if (!config_->remote())
+         TRACE(4, "Request specified disallowed remote L=0");
       return config_->remote();
    }
    if (intf.containsIfName()) {
-      if (!config_->ifname()) TRACE(4, "Request specified disallowed ifName {}", intf.ifNameValue());
+      if (!config_->ifname())
+         TRACE(4, "Request specified disallowed ifName {}", intf.ifNameValue());
       return config_->ifname();
    }
    if (intf.containsIfIndex()) {
@@ -370,7 +386,8 @@ bool RootSm::requestAllowed(const PacketParserResult& result) const {
       return config_->ifindex();
    }
    if (intf.containsIfAddr()) {
-      if (!config_->ifaddr()) TRACE(4, "Request specified disallowed ifAddr {}", intf.ifAddrValue());
+      if (!config_->ifaddr())
+         TRACE(4, "Request specified disallowed ifAddr {}", intf.ifAddrValue());
       return config_->ifaddr();
    }
    TRACE(0, "This shouldn't be reachable");
@@ -421,7 +438,8 @@ IntfId RootSm::determineInterface(const VrfName& requestVrf,
 void RootSm::processOnePacket(const Ptr<QueueEntry>& entry) {
    auto result = packetParserResultFactory();
    ParseResultCode rc = parsePacket(*entry, *result);
-   if (rc == ParseResultCode::malformedPacket) return;
+   if (rc == ParseResultCode::malformedPacket)
+      return;
    if (!requestAllowed(*result)) {
       status_->requestTypeNotAllowedInc(1);
       return;
@@ -456,8 +474,8 @@ void RootSm::handleLocalRequest(const VrfName& requestVrf, const PacketParserRes
    auto intfStatus = allIntfStatusDir_ ? allIntfStatusDir_->intfStatus.get(intf) : nullptr;
    auto l3 = l3IntfStatusDir_ ? l3IntfStatusDir_->intfStatus.get(intf) : nullptr;
    VrfName vrf = l3 ? l3->vrf() : VrfName::defaultVrf();
-   TRACE(5, "intf {} intfStatus? {} l3IntfStatus? {} vrf {} requestVrf {}", intf,
-         bool(intfStatus), bool(l3), vrf, requestVrf);
+   TRACE(5, "intf {} intfStatus? {} l3IntfStatus? {} vrf {} requestVrf {}", intf, bool(intfStatus),
+         bool(l3), vrf, requestVrf);
    if (!intfStatus || vrf != requestVrf) {
       handlerResult.icmpCode = 2;
       status_->wrongVrfRequestedInc(1);
@@ -468,8 +486,10 @@ void RootSm::handleLocalRequest(const VrfName& requestVrf, const PacketParserRes
       auto ip = ipStatus_ ? ipStatus_->ipIntfStatus.get(intf) : nullptr;
       auto ip6 = ip6Status_ ? ip6Status_->ip6IntfStatus.get(intf) : nullptr;
       bits = ProbeHandlerResult::kActive;
-      if (ip && ip->ipv4Running()) bits |= ProbeHandlerResult::kIpv4;
-      if (ip6 && ip6->ipv6Running()) bits |= ProbeHandlerResult::kIpv6;
+      if (ip && ip->ipv4Running())
+         bits |= ProbeHandlerResult::kIpv4;
+      if (ip6 && ip6->ipv6Running())
+         bits |= ProbeHandlerResult::kIpv6;
    }
    handlerResult.reply = (handlerResult.reply & 0xffffff00u) | bits;
    handlerResult.icmpCode = 0;
@@ -499,7 +519,8 @@ void RootSm::handleRemoteRequest(const VrfName& requestVrf, const PacketParserRe
             ++matches;
          }
       } catch (const SharedTableCorruption& e) {
-         if (arpStatus_->corruptionHandler) arpStatus_->corruptionHandler(e.what());
+         if (arpStatus_->corruptionHandler)
+            arpStatus_->corruptionHandler(e.what());
       }
    }
    TRACE(5, "Matching {} in vrf {} arp/nd table (vrfId {}) resulted in {} matches", addr,
@@ -543,20 +564,26 @@ void RootSm::handlePamCollection(const VrfNameAndAddressFamily& key, const Ptr<I
 }
 
 void RootSm::pamInputReactorIs(const VrfNameAndAddressFamily& key, const Ptr<IpPam>& pam) {
-   if (pamInputReactor_.count(key)) return;
+   if (pamInputReactor_.count(key))
+      return;
    pamInputReactor_.emplace(key, make<PamInputReactor>(key, pam, queues_, config_, status_));
 }
 
 void RootSm::pamInputReactorDel(const VrfNameAndAddressFamily& key) {
    auto it = pamInputReactor_.find(key);
-   if (it == pamInputReactor_.end()) return;
+   if (it == pamInputReactor_.end())
+      return;
    Ptr<IpPam> pam = it->second->pam();
    pamInputReactor_.erase(it);
    pam->enabledIs(false);
 }
 
-void RootSm::handleInputQueued() { inTask_->scheduleTask(); }
-void RootSm::handleOutputQueued() { outTask_->scheduleTask(); }
+void RootSm::handleInputQueued() {
+   inTask_->scheduleTask();
+}
+void RootSm::handleOutputQueued() {
+   outTask_->scheduleTask();
+}
 
 void RootSm::processProbeQueue() {
    TRACE(7, "processProbeQueue");
@@ -564,11 +591,13 @@ void RootSm::processProbeQueue() {
    while (Ptr<QueueEntry> entry = queues_->inputDeq()) {
       processOnePacket(entry);
       ++n;
-      if (scheduler_.taskShouldYield()) break;
+      if (scheduler_.taskShouldYield())
+         break;
    }
    inTask_->workCountInc(n);
    inTask_->pendingWorkIs(queues_->inputSize());
-   if (queues_->inputSize()) inTask_->scheduleTask();
+   if (queues_->inputSize())
+      inTask_->scheduleTask();
 }
 
 void RootSm::processSendQueue() {
@@ -594,11 +623,13 @@ void RootSm::processSendQueue() {
             status_->lastTxErrnoIs(pam->txErrno());
          }
       }
-      if (scheduler_.taskShouldYield()) break;
+      if (scheduler_.taskShouldYield())
+         break;
    }
    outTask_->workCountInc(n);
    outTask_->pendingWorkIs(queues_->outputSize());
-   if (queues_->outputSize()) outTask_->scheduleTask();
+   if (queues_->outputSize())
+      outTask_->scheduleTask();
 }
 
 void RootSm::dumpState(DumpContext& ctx, int indent) const {
@@ -610,28 +641,35 @@ void RootSm::dumpState(DumpContext& ctx, int indent) const {
    RAVEL_DUMP(ctx, indent + 2, "pamInputReactor #%u\n", count);
    bool cut = !ctx.verbose() && count > ctx.entryLimit();
    if (cut) {
-      RAVEL_DUMP(ctx, indent + 4, "-- The following list will be truncated, use verbose option to display all %u "
-          "entries --\n", count);
+      RAVEL_DUMP(ctx, indent + 4,
+                 "-- The following list will be truncated, use verbose option to display all %u "
+                 "entries --\n",
+                 count);
       ctx.wasTruncatedIs(true);
    }
    uint32_t shown = 0;
    for (auto& [key, reactor] : pamInputReactor_) {
-      if (cut && shown++ >= ctx.entryLimit()) break;
+      if (cut && shown++ >= ctx.entryLimit())
+         break;
       RAVEL_DUMP(ctx, indent + 4, "input reactor for %s\n", key.str().c_str());
    }
    if (cut) {
-      RAVEL_DUMP(ctx, indent + 4, "-- This list has been truncated, use verbose option to display all %u entries --\n", count);
+      RAVEL_DUMP(
+          ctx, indent + 4,
+          "-- This list has been truncated, use verbose option to display all %u entries --\n",
+          count);
    }
    RAVEL_DUMP(ctx, indent + 2, "intfIdByIfindex #%u\n",
               static_cast<unsigned>(intfIdByIfIndex_->intfId.size()));
    RAVEL_DUMP(ctx, indent + 2, "intput queue #%u\n", static_cast<unsigned>(queues_->inputSize()));
-   RAVEL_DUMP(ctx, indent + 2, "output queue #%u\n",
-              static_cast<unsigned>(queues_->outputSize()));
+   RAVEL_DUMP(ctx, indent + 2, "output queue #%u\n", static_cast<unsigned>(queues_->outputSize()));
 }
 
 // ---- sub-agent
 
-Agent::~Agent() { rootSm_.reset(); }
+Agent::~Agent() {
+   rootSm_.reset();
+}
 
 void Agent::doInit(const Ptr<MountGroup>&) {
    cAgent()->localEntityIs("AllIntfStatusDir", "Interface::AllIntfStatusDir",
@@ -650,21 +688,24 @@ void Agent::doMountsComplete(MountStatus status, const Ptr<EntityManager>& em) {
    auto l3IntfStatusDir = em->entityAs<L3IntfStatusDir>("l3/intf/status");
    auto config = em->entityAs<Config>("icmp/probe/config");
    auto probeStatus = em->entityAs<Status>("icmp/probe/status");
-   auto arpStatus = ptrCast<ArpTableStatus>(
-       em->sharedTableMount("arp/status", "Arp::Table::Status", 2));
+   auto arpStatus =
+       ptrCast<ArpTableStatus>(em->sharedTableMount("arp/status", "Arp::Table::Status", 2));
    auto vrfIdMap = ptrCast<VrfIdMapStatus>(
        em->sharedTableMount("vrf/vrfIdMapStatus", "Vrf::VrfIdMap::Status", 1));
    // The mount profile provides these; a store without them still gets a working (idle)
    // responder rather than a crash.
-   if (!config) config = make<Config>();
-   if (!probeStatus) probeStatus = make<Status>();
+   if (!config)
+      config = make<Config>();
+   if (!probeStatus)
+      probeStatus = make<Status>();
    auto queues = queuesFactory();
    rootSm_ = make<RootSm>(queues, allIntfStatusDir(), l3IntfStatusDir, ifIndexStatus, ipStatus(),
                           ip6Status(), arpStatus, vrfIdMap, config, probeStatus, pamCollection());
 }
 
 void Agent::dumpState(DumpContext& ctx, int indent) const {
-   if (rootSm_) rootSm_->dumpState(ctx, indent);
+   if (rootSm_)
+      rootSm_->dumpState(ctx, indent);
 }
 
 }  // namespace Ravel::ProbeResponder

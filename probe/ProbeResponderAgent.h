@@ -13,14 +13,14 @@ namespace Ravel::ProbeResponder {
 
 // Reads every packet waiting on one PAM into the input queue, unless a queue is over its limit.
 class PamInputReactor : public Node {
-public:
+ public:
    PamInputReactor(VrfNameAndAddressFamily key, Ptr<IpPam> pam, Ptr<Queues> queues,
                    Ptr<Config> config, Ptr<Status> status);
    void handlePamReadable();
    const VrfNameAndAddressFamily& key() const { return key_; }
    const Ptr<IpPam>& pam() const { return pam_; }
 
-private:
+ private:
    VrfNameAndAddressFamily key_;
    Ptr<IpPam> pam_;
    Ptr<Queues> queues_;
@@ -32,7 +32,7 @@ private:
 // The probe responder: lookup tables, queues, per-PAM input reactors, the per-packet pipeline
 // (parse, policy, interface, reply) and the two tasks that drain the queues.
 class RootSm : public Node {
-public:
+ public:
    RootSm(Ptr<Queues> queues, Ptr<AllIntfStatusDir> allIntfStatusDir,
           Ptr<L3IntfStatusDir> l3IntfStatusDir, Ptr<IfIndexStatus> ifIndexStatus,
           Ptr<IpStatus> ipStatus, Ptr<Ip6Status> ip6Status, Ptr<ArpTableStatus> arpStatus,
@@ -86,7 +86,7 @@ public:
    }
    const Ptr<AllIntfAddrVrfTable>& allIntfAddrVrfTable() const { return allIntfAddrVrfTable_; }
 
-private:
+ private:
    Ptr<Queues> queues_;
    Ptr<AllIntfStatusDir> allIntfStatusDir_;
    Ptr<L3IntfStatusDir> l3IntfStatusDir_;
@@ -117,7 +117,7 @@ private:
 
 // The RFC 8335 responder's sub-agent.
 class Agent : public MiniAgent {
-public:
+ public:
    explicit Agent(CAgent* cAgent) : MiniAgent(cAgent) {}
    ~Agent() override;
    void doMountsComplete(MountStatus status, const Ptr<EntityManager>& em) override;
@@ -125,7 +125,7 @@ public:
    void dumpState(DumpContext& ctx, int indent) const override;
    const Ptr<RootSm>& rootSm() const { return rootSm_; }
 
-private:
+ private:
    Ptr<RootSm> rootSm_;
 };
 

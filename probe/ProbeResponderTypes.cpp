@@ -9,9 +9,12 @@ namespace Ravel::ProbeResponder {
 
 const char* toString(ParseResultCode c) {
    switch (c) {
-      case ParseResultCode::good: return "good";
-      case ParseResultCode::malformedPacket: return "malformedPacket";
-      case ParseResultCode::malformedRequest: return "malformedRequest";
+      case ParseResultCode::good:
+         return "good";
+      case ParseResultCode::malformedPacket:
+         return "malformedPacket";
+      case ParseResultCode::malformedRequest:
+         return "malformedRequest";
    }
    return "unknown";
 }
@@ -19,7 +22,8 @@ const char* toString(ParseResultCode c) {
 ParseResultCode parseResultCodeFromString(std::string_view name) {
    for (auto c : {ParseResultCode::good, ParseResultCode::malformedPacket,
                   ParseResultCode::malformedRequest}) {
-      if (name == toString(c)) return c;
+      if (name == toString(c))
+         return c;
    }
    throw std::invalid_argument(fmt::format("Invalid ParseResultCode {}", name));
 }
@@ -55,14 +59,16 @@ RequestedInterface RequestedInterface::fromString(std::string_view text) {
       }
       return ifIndex(i);
    }
-   if (alt == "ifName") return ifName(std::string(value));
+   if (alt == "ifName")
+      return ifName(std::string(value));
    if (alt == "ifAddr") {
       auto a = IpGenAddr::parse(value);
-      if (!a) throw std::invalid_argument("Invalid string rep for RequestedInterface");
+      if (!a)
+         throw std::invalid_argument("Invalid string rep for RequestedInterface");
       return ifAddr(*a);
    }
-   throw std::invalid_argument(fmt::format(
-       "Invalid string rep for RequestedInterface: unknown alternative {}", alt));
+   throw std::invalid_argument(
+       fmt::format("Invalid string rep for RequestedInterface: unknown alternative {}", alt));
 }
 
 }  // namespace Ravel::ProbeResponder

@@ -20,12 +20,14 @@ ParseResultCode parseResultCodeFromString(std::string_view name);
 
 // The interface an Interface Identification Object names (RFC 8335 section 2.1).
 class RequestedInterface {
-public:
+ public:
    using Value = std::variant<int32_t, std::string, IpGenAddr>;  // ifIndex, ifName, ifAddr
 
    RequestedInterface() : v_(int32_t{0}) {}
    static RequestedInterface ifIndex(int32_t i) { return RequestedInterface(Value(i)); }
-   static RequestedInterface ifName(std::string n) { return RequestedInterface(Value(std::move(n))); }
+   static RequestedInterface ifName(std::string n) {
+      return RequestedInterface(Value(std::move(n)));
+   }
    static RequestedInterface ifAddr(IpGenAddr a) { return RequestedInterface(Value(a)); }
 
    bool containsIfIndex() const { return v_.index() == 0; }
@@ -44,14 +46,14 @@ public:
    auto operator<=>(const RequestedInterface&) const = default;
    bool operator==(const RequestedInterface&) const = default;
 
-private:
+ private:
    explicit RequestedInterface(Value v) : v_(std::move(v)) {}
    Value v_;
 };
 
 // One received packet and, later, its reply (written into the same buffer).
 class QueueEntry : public Node {
-public:
+ public:
    IpGenAddr src;
    IpGenAddr dst;
    Ptr<Pkt> pkt;
@@ -61,7 +63,7 @@ public:
 // Input (received) and output (replies) FIFOs. Enqueueing notifies; the queues have no limit
 // of their own, the reader applies maxQueueLength.
 class Queues : public Node {
-public:
+ public:
    void inputEnq(const Ptr<QueueEntry>& e) {
       input_.push_back(e);
       inputNotifier_.notify();
@@ -92,9 +94,10 @@ public:
       return outputNotifier_.subscribe(std::move(fn));
    }
 
-private:
+ private:
    static Ptr<QueueEntry> deq(std::deque<Ptr<QueueEntry>>& q) {
-      if (q.empty()) return nullptr;
+      if (q.empty())
+         return nullptr;
       Ptr<QueueEntry> e = std::move(q.front());
       q.pop_front();
       return e;
@@ -109,12 +112,14 @@ struct IntermediateParserResult {
    uint8_t code = 0;
    uint32_t pktBytes = 0;
    const uint8_t* extnHdr = nullptr;  // first byte after the Extended Echo header
-   void pktBytesInc(int32_t n) { pktBytes = static_cast<uint32_t>(static_cast<int32_t>(pktBytes) + n); }
+   void pktBytesInc(int32_t n) {
+      pktBytes = static_cast<uint32_t>(static_cast<int32_t>(pktBytes) + n);
+   }
 };
 
 // The parsed request. identifier, seq and localNode are views of `request` (bytes 4-7).
 class PacketParserResult : public Node {
-public:
+ public:
    uint32_t request = 0;
    RequestedInterface interface;
 
@@ -127,7 +132,7 @@ public:
 
 // The reply decision: code and bytes 4-7 of the Extended Echo Reply.
 class ProbeHandlerResult : public Node {
-public:
+ public:
    static constexpr uint32_t kActive = 1u << 2, kIpv4 = 1u << 1, kIpv6 = 1u << 0;
    uint8_t icmpCode = 0;
    uint32_t reply = 0;
@@ -135,9 +140,17 @@ public:
    uint8_t state() const { return static_cast<uint8_t>((reply >> 5) & 7u); }
 };
 
-inline Ptr<QueueEntry> queueEntryFactory() { return make<QueueEntry>(); }
-inline Ptr<Queues> queuesFactory() { return make<Queues>(); }
-inline Ptr<PacketParserResult> packetParserResultFactory() { return make<PacketParserResult>(); }
-inline Ptr<ProbeHandlerResult> probeHandlerResultFactory() { return make<ProbeHandlerResult>(); }
+inline Ptr<QueueEntry> queueEntryFactory() {
+   return make<QueueEntry>();
+}
+inline Ptr<Queues> queuesFactory() {
+   return make<Queues>();
+}
+inline Ptr<PacketParserResult> packetParserResultFactory() {
+   return make<PacketParserResult>();
+}
+inline Ptr<ProbeHandlerResult> probeHandlerResultFactory() {
+   return make<ProbeHandlerResult>();
+}
 
 }  // namespace Ravel::ProbeResponder

@@ -30,17 +30,18 @@ sockaddr_un unixAddr(const std::string& path) {
 }
 
 class Fd {
-public:
+ public:
    explicit Fd(int fd) : fd_(fd) {}
    ~Fd() {
-      if (fd_ >= 0) ::close(fd_);
+      if (fd_ >= 0)
+         ::close(fd_);
    }
    Fd(const Fd&) = delete;
    Fd& operator=(const Fd&) = delete;
    int get() const { return fd_; }
    int release() { return std::exchange(fd_, -1); }
 
-private:
+ private:
    int fd_;
 };
 
@@ -59,14 +60,16 @@ double nowMs() {
 std::string controlRequest(const std::string& socketPath, const std::string& request,
                            double timeoutSeconds) {
    Fd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-   if (fd.get() < 0) throw std::runtime_error(fmt::format("socket: {}", std::strerror(errno)));
+   if (fd.get() < 0)
+      throw std::runtime_error(fmt::format("socket: {}", std::strerror(errno)));
    auto sa = unixAddr(socketPath);
    if (::connect(fd.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa) != 0) {
       throw std::runtime_error(fmt::format("cannot reach ravel at {}: {} (is the daemon running?)",
                                            socketPath, std::strerror(errno)));
    }
    std::string line = request + "\n";
-   if (::send(fd.get(), line.data(), line.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(line.size())) {
+   if (::send(fd.get(), line.data(), line.size(), MSG_NOSIGNAL) !=
+       static_cast<ssize_t>(line.size())) {
       throw std::runtime_error(fmt::format("sending to {}: {}", socketPath, std::strerror(errno)));
    }
    std::string reply;
@@ -75,11 +78,15 @@ std::string controlRequest(const std::string& socketPath, const std::string& req
    for (;;) {
       pollfd p{fd.get(), POLLIN, 0};
       int r = ::poll(&p, 1, msUntil(deadline, nowMs()));
-      if (r < 0 && errno == EINTR) continue;
-      if (r <= 0) throw std::runtime_error(fmt::format("no reply from ravel at {}", socketPath));
+      if (r < 0 && errno == EINTR)
+         continue;
+      if (r <= 0)
+         throw std::runtime_error(fmt::format("no reply from ravel at {}", socketPath));
       ssize_t n = ::read(fd.get(), buf, sizeof buf);
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) break;
+      if (n < 0 && errno == EINTR)
+         continue;
+      if (n <= 0)
+         break;
       reply.append(buf, static_cast<size_t>(n));
    }
    return reply;
@@ -96,10 +103,12 @@ int controlListen(const std::string& socketPath) {
          throw std::runtime_error(
              fmt::format("another ravel is already running on {}", socketPath));
       }
-      if (errno == ECONNREFUSED) ::unlink(socketPath.c_str());
+      if (errno == ECONNREFUSED)
+         ::unlink(socketPath.c_str());
    }
    Fd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-   if (fd.get() < 0) throw std::runtime_error(fmt::format("socket: {}", std::strerror(errno)));
+   if (fd.get() < 0)
+      throw std::runtime_error(fmt::format("socket: {}", std::strerror(errno)));
    mode_t old = ::umask(0177);
    int rc = ::bind(fd.get(), reinterpret_cast<sockaddr*>(&sa), sizeof sa);
    int err = errno;
@@ -121,15 +130,21 @@ bool controlReadRequest(int fd, std::string& request, double timeoutSeconds) {
    while (request.find('\n') == std::string::npos && request.size() < 65536) {
       pollfd p{fd, POLLIN, 0};
       int r = ::poll(&p, 1, msUntil(deadline, nowMs()));
-      if (r < 0 && errno == EINTR) continue;
-      if (r <= 0) return false;
+      if (r < 0 && errno == EINTR)
+         continue;
+      if (r <= 0)
+         return false;
       ssize_t n = ::read(fd, buf, sizeof buf);
-      if (n < 0 && (errno == EINTR || errno == EAGAIN)) continue;
-      if (n <= 0) break;
+      if (n < 0 && (errno == EINTR || errno == EAGAIN))
+         continue;
+      if (n <= 0)
+         break;
       request.append(buf, static_cast<size_t>(n));
    }
-   if (auto nl = request.find('\n'); nl != std::string::npos) request.resize(nl);
-   if (!request.empty() && request.back() == '\r') request.pop_back();
+   if (auto nl = request.find('\n'); nl != std::string::npos)
+      request.resize(nl);
+   if (!request.empty() && request.back() == '\r')
+      request.pop_back();
    return !request.empty();
 }
 

@@ -14,14 +14,16 @@ namespace {
 
 std::string join(const std::vector<std::string>& a, size_t from) {
    std::string s;
-   for (size_t i = from; i < a.size(); ++i) s += (s.empty() ? "" : " ") + a[i];
+   for (size_t i = from; i < a.size(); ++i)
+      s += (s.empty() ? "" : " ") + a[i];
    return s;
 }
 
 int printReply(const std::string& socketPath, const std::string& request) {
    std::string reply = controlRequest(socketPath, request);
    std::fwrite(reply.data(), 1, reply.size(), stdout);
-   if (!reply.empty() && reply.back() != '\n') std::fputc('\n', stdout);
+   if (!reply.empty() && reply.back() != '\n')
+      std::fputc('\n', stdout);
    // Replies that report a failure start with one of these; the exit status says so too.
    bool failed = reply.starts_with("error: ") || reply.starts_with("Unknown command: ") ||
                  reply.find("not yet initialized!") != std::string::npos;
@@ -34,27 +36,33 @@ int runCtlCommand(const std::string& socketPath, const std::vector<std::string>&
    const std::string& cmd = args[0];
    if (cmd == "dump") {
       bool verbose = args.size() > 1 && (args[1] == "-v" || args[1] == "--verbose");
-      return printReply(socketPath, std::string(verbose ? "-v " : "") + "dumpState DebugAgentState");
+      return printReply(socketPath,
+                        std::string(verbose ? "-v " : "") + "dumpState DebugAgentState");
    }
    if (cmd == "clear") {
-      if (join(args, 1) != "counters") throw UsageError("clear takes one word: counters");
+      if (join(args, 1) != "counters")
+         throw UsageError("clear takes one word: counters");
       return printReply(socketPath, "errorResponderClearCounters clear counters");
    }
    if (cmd == "show") {
-      if (args.size() < 2) throw UsageError("show what?");
+      if (args.size() < 2)
+         throw UsageError("show what?");
       return printReply(socketPath, "show " + join(args, 1));
    }
    if (cmd == "trace") {
-      if (args.size() != 2) throw UsageError("trace takes one FILE");
+      if (args.size() != 2)
+         throw UsageError("trace takes one FILE");
       for (auto& r : lumen::readFile(args[1])) {
          std::string line = lumen::formatRecord(r);
          std::fprintf(stdout, "%s\n", line.c_str());
       }
       return 0;
    }
-   if (cmd == "probe") return runProbe(args);
+   if (cmd == "probe")
+      return runProbe(args);
    if (cmd == "raw") {
-      if (args.size() < 2) throw UsageError("raw needs a callback name");
+      if (args.size() < 2)
+         throw UsageError("raw needs a callback name");
       return printReply(socketPath, join(args, 1));
    }
    throw UsageError(fmt::format("unknown command {}", cmd));

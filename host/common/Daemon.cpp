@@ -42,7 +42,8 @@ DaemonOptions parseDaemonOptions(int argc, char** argv) {
    for (int i = 1; i < argc; ++i) {
       std::string a = argv[i];
       auto value = [&]() -> std::string {
-         if (i + 1 >= argc) throw std::invalid_argument(fmt::format("{} needs a value", a));
+         if (i + 1 >= argc)
+            throw std::invalid_argument(fmt::format("{} needs a value", a));
          return argv[++i];
       };
       if (a == "--config") {
@@ -59,8 +60,10 @@ DaemonOptions parseDaemonOptions(int argc, char** argv) {
          throw std::invalid_argument(fmt::format("unknown argument {}", a));
       }
    }
-   if (o.agentLib.empty()) o.agentLib = exeDir() + "/../lib/libRavel.so";
-   if (o.profileDir.empty()) o.profileDir = std::string(RAVEL_DATA_DIR) + "/mounts";
+   if (o.agentLib.empty())
+      o.agentLib = exeDir() + "/../lib/libRavel.so";
+   if (o.profileDir.empty())
+      o.profileDir = std::string(RAVEL_DATA_DIR) + "/mounts";
    return o;
 }
 
@@ -87,7 +90,8 @@ void Daemon::start() {
    sigaddset(&set, SIGHUP);
    sigprocmask(SIG_BLOCK, &set, nullptr);
    signalFd_ = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
-   if (signalFd_ < 0) throw std::runtime_error(fmt::format("signalfd: {}", std::strerror(errno)));
+   if (signalFd_ < 0)
+      throw std::runtime_error(fmt::format("signalfd: {}", std::strerror(errno)));
    signal(SIGPIPE, SIG_IGN);
 
    listenFd_ = controlListen(opts_.socketPath);
@@ -111,14 +115,16 @@ void Daemon::start() {
 
 void Daemon::loadAgent() {
    agentHandle_ = dlopen(opts_.agentLib.c_str(), RTLD_NOW | RTLD_LOCAL);
-   if (!agentHandle_) throw std::runtime_error(fmt::format("cannot load agent: {}", dlerror()));
+   if (!agentHandle_)
+      throw std::runtime_error(fmt::format("cannot load agent: {}", dlerror()));
    auto factory = reinterpret_cast<AgentFactoryFn>(dlsym(agentHandle_, kAgentFactorySymbol));
    if (!factory) {
       throw std::runtime_error(
           fmt::format("{} has no {} symbol", opts_.agentLib, kAgentFactorySymbol));
    }
    agent_ = factory(framework_.get());
-   if (!agent_) throw std::runtime_error("agent factory returned no agent");
+   if (!agent_)
+      throw std::runtime_error("agent factory returned no agent");
    TRACE(3, "agent created from {}", opts_.agentLib);
    agent_->doInit();
    MountStatus status = em_->performMounts(opts_.profileDir);
@@ -167,7 +173,8 @@ void Daemon::stop() {
 void Daemon::handleControl() {
    for (;;) {
       int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
-      if (fd < 0) return;
+      if (fd < 0)
+         return;
       // Replies are written on the scheduler thread: a client that stops reading may stall
       // the daemon for at most this long.
       timeval tv{2, 0};
@@ -191,8 +198,10 @@ void Daemon::handleSignal() {
    while (::read(signalFd_, &si, sizeof si) == sizeof si) {
       if (si.ssi_signo == SIGHUP) {
          TRACE(3, "SIGHUP: reloading");
-         if (config_) config_->reload();
-         for (auto& s : services_) s->reload();
+         if (config_)
+            config_->reload();
+         for (auto& s : services_)
+            s->reload();
       } else {
          TRACE(3, "signal {}: stopping", si.ssi_signo);
          scheduler_->stop();

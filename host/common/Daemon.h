@@ -6,8 +6,8 @@
 
 #include "platform/AgentFramework.h"
 #include "platform/ConfigService.h"
-#include "platform/LinuxStateProvider.h"
 #include "platform/IpPam.h"
+#include "platform/LinuxStateProvider.h"
 #include "platform/Scheduler.h"
 
 namespace Ravel::host {
@@ -26,14 +26,14 @@ DaemonOptions parseDaemonOptions(int argc, char** argv);
 // A part of the daemon that lives as long as it (state providers, configuration). Created
 // before the agent so that the store is filled when the agent mounts.
 class DaemonService {
-public:
+ public:
    virtual ~DaemonService() = default;
    virtual void reload() {}
 };
 
 // Hosts the agent plug-in: state store, scheduler loop, control socket, signals.
 class Daemon {
-public:
+ public:
    explicit Daemon(DaemonOptions opts);
    ~Daemon();
    // Start-up in the framework's order; throws std::runtime_error with a one-line message.
@@ -49,7 +49,7 @@ public:
    double startTime() const { return startTime_; }
    ConfigService* configService() const { return config_.get(); }
 
-private:
+ private:
    void loadAgent();
    void handleControl();
    void handleSignal();

@@ -13,7 +13,8 @@
 
 namespace Ravel::host {
 
-ShowCallback::ShowCallback(Daemon& daemon) : AgentCommandCallback("ravel", "show"), daemon_(daemon) {
+ShowCallback::ShowCallback(Daemon& daemon)
+    : AgentCommandCallback("ravel", "show"), daemon_(daemon) {
    handlerIs("status", [this](int fd, bool json) { showStatus(fd, json); });
    handlerIs("probe", [this](int fd, bool json) { showProbe(fd, json); });
    handlerIs("state", [this](int fd, bool json) { showState(fd, json); });
@@ -33,11 +34,13 @@ void ShowCallback::handleCommand(unsigned socketFd, const std::string& command) 
    std::string what, word;
    in >> what;
    bool json = false;
-   while (in >> word) json |= word == "--json";
+   while (in >> word)
+      json |= word == "--json";
    auto it = handlers_.find(what);
    if (it == handlers_.end()) {
       std::string known;
-      for (auto& [name, h] : handlers_) known += " " + name;
+      for (auto& [name, h] : handlers_)
+         known += " " + name;
       writeAll(fd, fmt::format("Unknown command: show {} (known:{})\n", what, known));
       return;
    }
@@ -54,10 +57,12 @@ void ShowCallback::showStatus(int fd, bool json) {
    j["netnsDir"] = opts.netnsDir;
    j["agent"] = opts.agentLib;
    nlohmann::json ents = nlohmann::json::object();
-   for (auto& [path, e] : daemon_.entityManager()->entities()) ents[path] = e->typeName();
+   for (auto& [path, e] : daemon_.entityManager()->entities())
+      ents[path] = e->typeName();
    j["entities"] = ents;
    nlohmann::json cbs = nlohmann::json::array();
-   for (auto& [name, cb] : daemon_.commands()->callbacks()) cbs.push_back(name);
+   for (auto& [name, cb] : daemon_.commands()->callbacks())
+      cbs.push_back(name);
    j["commands"] = cbs;
    if (json) {
       writeAll(fd, j.dump(2) + "\n");
@@ -67,7 +72,8 @@ void ShowCallback::showStatus(int fd, bool json) {
        "pid {}\nuptime {:.1f} s\nsocket {}\nconfig {}\nnetns dir {}\nagent {}\ncommands",
        j["pid"].get<int>(), j["uptimeSeconds"].get<double>(), opts.socketPath,
        opts.configFile.empty() ? "(none)" : opts.configFile, opts.netnsDir, opts.agentLib);
-   for (auto& c : cbs) out += " " + c.get<std::string>();
+   for (auto& c : cbs)
+      out += " " + c.get<std::string>();
    out += "\nentities\n";
    for (auto& [path, type] : ents.items()) {
       out += fmt::format("  {} {}\n", path, type.get<std::string>());
@@ -87,7 +93,8 @@ void ShowCallback::showState(int fd, bool json) {
       }
    }
    if (auto ids = em->entityAs<VrfIdMapStatus>("vrf/vrfIdMapStatus")) {
-      for (auto& [id, name] : ids->vrfName) j["vrfIds"][name.str()] = id;
+      for (auto& [id, name] : ids->vrfName)
+         j["vrfIds"][name.str()] = id;
    }
    auto l3 = em->entityAs<L3IntfStatusDir>("l3/intf/status");
    auto ip = em->entityAs<IpStatus>("ip/status");
@@ -98,14 +105,17 @@ void ShowCallback::showState(int fd, bool json) {
                              {"mtu", s->mtu()},
                              {"ifindex", s->snmpIndex()},
                              {"device", s->deviceName()}};
-         if (auto l = l3 ? l3->intfStatus.get(id) : nullptr) e["vrf"] = l->vrf().str();
+         if (auto l = l3 ? l3->intfStatus.get(id) : nullptr)
+            e["vrf"] = l->vrf().str();
          if (auto a = ip ? ip->ipIntfStatus.get(id) : nullptr) {
             e["ipv4"] = nlohmann::json::array({a->primaryAddr().str()});
-            for (auto& x : a->secondaryAddrs()) e["ipv4"].push_back(x.str());
+            for (auto& x : a->secondaryAddrs())
+               e["ipv4"].push_back(x.str());
          }
          if (auto a = ip6 ? ip6->ip6IntfStatus.get(id) : nullptr) {
             e["ipv6"] = nlohmann::json::array();
-            for (auto& x : a->addrs()) e["ipv6"].push_back(x.str());
+            for (auto& x : a->addrs())
+               e["ipv6"].push_back(x.str());
          }
          j["interfaces"][id.str()] = e;
       }
@@ -113,8 +123,10 @@ void ShowCallback::showState(int fd, bool json) {
    if (auto arp = em->entityAs<ArpTableStatus>("arp/status")) {
       for (auto* t : {&arp->arp, &arp->nd}) {
          for (auto& [k, v] : *t) {
-            j[t == &arp->arp ? "arp" : "nd"].push_back(
-                {{"vrfId", k.vrfId}, {"addr", k.addr.str()}, {"intf", k.intfId.str()}, {"mac", v.mac}});
+            j[t == &arp->arp ? "arp" : "nd"].push_back({{"vrfId", k.vrfId},
+                                                        {"addr", k.addr.str()},
+                                                        {"intf", k.intfId.str()},
+                                                        {"mac", v.mac}});
          }
       }
    }
@@ -127,12 +139,9 @@ void ShowCallback::showProbe(int fd, bool json) {
    auto status = em->entityAs<ProbeResponder::Status>("icmp/probe/status");
    nlohmann::json j;
    if (config) {
-      j["config"] = {{"enabled", config->enabled()},
-                     {"ifname", config->ifname()},
-                     {"ifindex", config->ifindex()},
-                     {"ifaddr", config->ifaddr()},
-                     {"remote", config->remote()},
-                     {"maxQueueLength", config->maxQueueLength()}};
+      j["config"] = {{"enabled", config->enabled()}, {"ifname", config->ifname()},
+                     {"ifindex", config->ifindex()}, {"ifaddr", config->ifaddr()},
+                     {"remote", config->remote()},   {"maxQueueLength", config->maxQueueLength()}};
    }
    if (status) {
       nlohmann::json counters = nlohmann::json::object();
@@ -140,7 +149,8 @@ void ShowCallback::showProbe(int fd, bool json) {
       RAVEL_PROBE_COUNTERS(RAVEL_PROBE_COUNTER_JSON)
 #undef RAVEL_PROBE_COUNTER_JSON
       nlohmann::json codes = nlohmann::json::object();
-      for (auto& [code, n] : status->codeCount) codes[std::to_string(code)] = n;
+      for (auto& [code, n] : status->codeCount)
+         codes[std::to_string(code)] = n;
       counters["codeCount"] = codes;
       counters["lastTxErrno"] = status->lastTxErrno;
       j["status"] = counters;
@@ -152,7 +162,8 @@ void ShowCallback::showProbe(int fd, bool json) {
    std::string out;
    if (j.contains("config")) {
       out += "config\n";
-      for (auto& [k, v] : j["config"].items()) out += fmt::format("  {} {}\n", k, v.dump());
+      for (auto& [k, v] : j["config"].items())
+         out += fmt::format("  {} {}\n", k, v.dump());
    } else {
       out += "config (none)\n";
    }
@@ -160,7 +171,8 @@ void ShowCallback::showProbe(int fd, bool json) {
       out += "counters\n";
       for (auto& [k, v] : j["status"].items()) {
          if (k == "codeCount") {
-            for (auto& [code, n] : v.items()) out += fmt::format("  codeCount[{}] {}\n", code, n.dump());
+            for (auto& [code, n] : v.items())
+               out += fmt::format("  codeCount[{}] {}\n", code, n.dump());
          } else {
             out += fmt::format("  {} {}\n", k, v.dump());
          }

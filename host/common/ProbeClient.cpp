@@ -30,8 +30,10 @@ double nowSeconds() {
 
 IpGenAddr resolve(const std::string& target, int family) {
    if (auto a = IpGenAddr::parse(target)) {
-      if (family == AF_INET && !a->isV4()) throw UsageError("-4 with an IPv6 target");
-      if (family == AF_INET6 && !a->isV6()) throw UsageError("-6 with an IPv4 target");
+      if (family == AF_INET && !a->isV4())
+         throw UsageError("-4 with an IPv6 target");
+      if (family == AF_INET6 && !a->isV6())
+         throw UsageError("-6 with an IPv4 target");
       return *a;
    }
    addrinfo hints{};
@@ -63,7 +65,8 @@ int runProbe(const std::vector<std::string>& args) {
    for (size_t i = 1; i < args.size(); ++i) {
       const std::string& a = args[i];
       auto value = [&]() -> const std::string& {
-         if (i + 1 >= args.size()) throw UsageError(a + " needs a value");
+         if (i + 1 >= args.size())
+            throw UsageError(a + " needs a value");
          return args[++i];
       };
       try {
@@ -73,7 +76,8 @@ int runProbe(const std::vector<std::string>& args) {
             what = ProbeTarget(static_cast<uint32_t>(std::stoul(value())));
          } else if (a == "--ifaddr") {
             auto addr = IpGenAddr::parse(value());
-            if (!addr) throw UsageError("--ifaddr needs an IPv4 or IPv6 address");
+            if (!addr)
+               throw UsageError("--ifaddr needs an IPv4 or IPv6 address");
             what = ProbeTarget(*addr);
          } else if (a == "--remote") {
             remote = true;
@@ -91,7 +95,8 @@ int runProbe(const std::vector<std::string>& args) {
             throw UsageError("unexpected argument " + a);
          }
       } catch (const std::logic_error& e) {
-         if (dynamic_cast<const UsageError*>(&e)) throw;
+         if (dynamic_cast<const UsageError*>(&e))
+            throw;
          throw UsageError("bad number for " + a);
       }
    }
@@ -103,8 +108,8 @@ int runProbe(const std::vector<std::string>& args) {
    int proto = v6 ? int{IPPROTO_ICMPV6} : int{IPPROTO_ICMP};
    int fd = ::socket(v6 ? AF_INET6 : AF_INET, SOCK_RAW | SOCK_CLOEXEC, proto);
    if (fd < 0) {
-      throw std::runtime_error(fmt::format("raw socket: {} (needs root or CAP_NET_RAW)",
-                                           std::strerror(errno)));
+      throw std::runtime_error(
+          fmt::format("raw socket: {} (needs root or CAP_NET_RAW)", std::strerror(errno)));
    }
    sockaddr_storage to{};
    socklen_t toLen;
@@ -133,22 +138,28 @@ int runProbe(const std::vector<std::string>& args) {
       bool answered = false;
       while (!answered) {
          double left = deadline - nowSeconds();
-         if (left <= 0) break;
+         if (left <= 0)
+            break;
          pollfd p{fd, POLLIN, 0};
-         if (::poll(&p, 1, static_cast<int>(left * 1000) + 1) <= 0) continue;
+         if (::poll(&p, 1, static_cast<int>(left * 1000) + 1) <= 0)
+            continue;
          uint8_t buf[65536];
          sockaddr_storage from{};
          socklen_t fromLen = sizeof from;
-         ssize_t n = ::recvfrom(fd, buf, sizeof buf, 0, reinterpret_cast<sockaddr*>(&from), &fromLen);
-         if (n <= 0) continue;
+         ssize_t n =
+             ::recvfrom(fd, buf, sizeof buf, 0, reinterpret_cast<sockaddr*>(&from), &fromLen);
+         if (n <= 0)
+            continue;
          std::span<const uint8_t> icmp(buf, static_cast<size_t>(n));
          if (!v6) {
             size_t hl = size_t{buf[0] & 0x0fu} * 4;
-            if (hl > icmp.size()) continue;
+            if (hl > icmp.size())
+               continue;
             icmp = icmp.subspan(hl);
          }
          auto r = parseExtendedEchoReply(icmp);
-         if (!r || r->identifier != id || r->seq != static_cast<uint8_t>(seq)) continue;
+         if (!r || r->identifier != id || r->seq != static_cast<uint8_t>(seq))
+            continue;
          answered = true;
          std::string src = from.ss_family == AF_INET6
                                ? IpGenAddr(reinterpret_cast<sockaddr_in6*>(&from)->sin6_addr).str()
@@ -156,9 +167,11 @@ int runProbe(const std::vector<std::string>& args) {
          std::printf("reply from %s: seq=%u code=%u (%s) state=%u A=%d 4=%d 6=%d time=%.3f ms\n",
                      src.c_str(), seq, r->code, extendedEchoReplyCodeName(r->code), r->state,
                      r->active, r->ipv4, r->ipv6, (nowSeconds() - sent) * 1000);
-         if (r->code == 0) ++good;
+         if (r->code == 0)
+            ++good;
       }
-      if (!answered) std::printf("seq=%u no reply within %.1f s\n", seq, timeout);
+      if (!answered)
+         std::printf("seq=%u no reply within %.1f s\n", seq, timeout);
       std::fflush(stdout);
    }
    ::close(fd);

@@ -20,15 +20,21 @@
 namespace Ravel {
 namespace {
 
-int sh(const std::string& cmd) { return std::system((cmd + " >/dev/null 2>&1").c_str()); }
+int sh(const std::string& cmd) {
+   return std::system((cmd + " >/dev/null 2>&1").c_str());
+}
 
-std::string tag() { return std::to_string(getpid() % 100000); }
+std::string tag() {
+   return std::to_string(getpid() % 100000);
+}
 
 size_t rawSockets(const std::string& ns) {
-   FILE* p = popen(("ip netns exec " + ns + " ss -A raw -a -n -H 2>/dev/null | wc -l").c_str(), "r");
+   FILE* p =
+       popen(("ip netns exec " + ns + " ss -A raw -a -n -H 2>/dev/null | wc -l").c_str(), "r");
    size_t n = 0;
    if (p) {
-      if (std::fscanf(p, "%zu", &n) != 1) n = 0;
+      if (std::fscanf(p, "%zu", &n) != 1)
+         n = 0;
       pclose(p);
    }
    return n;
@@ -54,8 +60,9 @@ struct SocketPamTest : ::testing::Test {
          sockaddr_in to{};
          to.sin_family = AF_INET;
          to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-         EXPECT_EQ(sendto(fd, pkt.data(), pkt.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to),
-                   ssize_t(pkt.size()));
+         EXPECT_EQ(
+             sendto(fd, pkt.data(), pkt.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to),
+             ssize_t(pkt.size()));
          close(fd);
       });
    }
@@ -66,8 +73,9 @@ struct SocketPamTest : ::testing::Test {
          sockaddr_in6 to{};
          to.sin6_family = AF_INET6;
          to.sin6_addr = in6addr_loopback;
-         EXPECT_EQ(sendto(fd, msg.data(), msg.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to),
-                   ssize_t(msg.size()));
+         EXPECT_EQ(
+             sendto(fd, msg.data(), msg.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to),
+             ssize_t(msg.size()));
          close(fd);
       });
    }
@@ -85,8 +93,26 @@ struct SocketPamTest : ::testing::Test {
 };
 
 std::vector<uint8_t> ipv4(uint8_t proto, uint16_t fragField, std::vector<uint8_t> payload) {
-   std::vector<uint8_t> p = {0x45, 0, 0, 0, 0x12, 0x34, uint8_t(fragField >> 8), uint8_t(fragField),
-                             64, proto, 0, 0, 127, 0, 0, 1, 127, 0, 0, 1};
+   std::vector<uint8_t> p = {0x45,
+                             0,
+                             0,
+                             0,
+                             0x12,
+                             0x34,
+                             uint8_t(fragField >> 8),
+                             uint8_t(fragField),
+                             64,
+                             proto,
+                             0,
+                             0,
+                             127,
+                             0,
+                             0,
+                             1,
+                             127,
+                             0,
+                             0,
+                             1};
    uint16_t len = uint16_t(20 + payload.size());
    p[2] = uint8_t(len >> 8);
    p[3] = uint8_t(len);
@@ -152,9 +178,9 @@ TEST_F(SocketPamTest, Ipv6FilterAndReplyFromTheRequestedAddress) {
    auto echoed = receive(*probe, 1000);
    ASSERT_TRUE(echoed);
    // The kernel filled the checksum on the way out.
-   EXPECT_EQ(Icmp6Hdr(echoed->bytes()).computedChecksum(*IpGenAddr::parse("::1"),
-                                                        *IpGenAddr::parse("::1"),
-                                                        uint32_t(echoed->size())),
+   EXPECT_EQ(Icmp6Hdr(echoed->bytes())
+                 .computedChecksum(*IpGenAddr::parse("::1"), *IpGenAddr::parse("::1"),
+                                   uint32_t(echoed->size())),
              0);
    probe->enabledIs(false);
    probe->txPktIs(Pkt::fromBytes(req));
@@ -188,7 +214,8 @@ TEST_F(SocketPamTest, PamManagerRetriesUntilTheNamespaceAppearsAndClosesOnRemova
    auto sm = make<PamSm>(errConfig, probeConfig, vrfs, pamStatus, *factory);
    auto runFor = [&](double seconds, auto done) {
       double end = sched.now() + seconds;
-      while (!done() && sched.now() < end) sched.runOnce(0.05);
+      while (!done() && sched.now() < end)
+         sched.runOnce(0.05);
       return done();
    };
    auto created = [&] { return pamStatus->vrfStatus.has(VrfName(vrf)); };

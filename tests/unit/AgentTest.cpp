@@ -29,7 +29,8 @@ std::string reply(AgentCommandCallback& cb, const std::string& command, bool ver
    std::string out;
    std::rewind(f);
    char buf[4096];
-   for (size_t n; (n = std::fread(buf, 1, sizeof buf, f)) > 0;) out.append(buf, n);
+   for (size_t n; (n = std::fread(buf, 1, sizeof buf, f)) > 0;)
+      out.append(buf, n);
    std::fclose(f);
    return out;
 }
@@ -41,8 +42,8 @@ struct AgentTest : ::testing::Test {
    FakePamFactory factory;
    Ptr<EntityManager> em = make<EntityManager>();
    Ptr<CAgent> framework = make<CAgent>("Ravel", em, make<AgentCommandRequestDirSm>());
-   std::filesystem::path dir = std::filesystem::temp_directory_path() /
-                               ("ravel-agent-test-" + std::to_string(getpid()));
+   std::filesystem::path dir =
+       std::filesystem::temp_directory_path() / ("ravel-agent-test-" + std::to_string(getpid()));
 
    AgentTest() {
       PamFactory::instanceIs(&factory);
@@ -62,7 +63,8 @@ struct AgentTest : ::testing::Test {
       auto agent = ptrCast<Agent>(agentFactory(framework.get()));
       agent->doInit();
       em->performMounts(RAVEL_TEST_PROFILE_DIR);
-      if (!withVrfTable) em->entityDel("ip/vrf/status/local");
+      if (!withVrfTable)
+         em->entityDel("ip/vrf/status/local");
       agent->doMountsComplete(MountStatus::ok, em);
       return agent;
    }
@@ -150,7 +152,8 @@ TEST_F(AgentTest, DumpListsPamsAndTruncates) {
              std::string::npos);
    auto count = [](const std::string& s) {
       size_t n = 0;
-      for (size_t p = 0; (p = s.find("\npam ", p)) != std::string::npos; ++p) ++n;
+      for (size_t p = 0; (p = s.find("\npam ", p)) != std::string::npos; ++p)
+         ++n;
       return n;
    };
    EXPECT_EQ(count(big), DumpContext::kDefaultEntryLimit);

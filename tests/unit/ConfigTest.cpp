@@ -82,10 +82,12 @@ TEST(ConfigFile, BadFilesNameFileLineAndKey) {
        {"probes: {}\n", "f.yaml:1: unknown key \"probes\" (key probes)"},
        {"probe:\n  enabled: true\n  colour: red\n",
         "f.yaml:3: unknown key \"colour\" (key probe.colour)"},
-       {"probe:\n  ifname: maybe\n", "f.yaml:2: expected a boolean, got \"maybe\" (key probe.ifname)"},
+       {"probe:\n  ifname: maybe\n",
+        "f.yaml:2: expected a boolean, got \"maybe\" (key probe.ifname)"},
        {"probe:\n  - enabled\n", "f.yaml:2: expected a map, got a list (key probe)"},
        {"probe: {max-queue-length: -1}\n",
-        "f.yaml:1: expected a number from 0 to 4294967295, got \"-1\" (key probe.max-queue-length)"},
+        "f.yaml:1: expected a number from 0 to 4294967295, got \"-1\" (key "
+        "probe.max-queue-length)"},
        {"error-responder:\n  node-id-code-point: 256\n",
         "f.yaml:2: expected a number from 0 to 255, got \"256\" (key "
         "error-responder.node-id-code-point)"},
@@ -117,8 +119,8 @@ TEST(ConfigFile, BadFilesNameFileLineAndKey) {
       }
    }
    // 100 bytes is the longest name allowed.
-   EXPECT_NO_THROW(parseConfigText("error-responder: {vrfs: {" + std::string(100, 'v') + ": {}}}",
-                                   "f.yaml"));
+   EXPECT_NO_THROW(
+       parseConfigText("error-responder: {vrfs: {" + std::string(100, 'v') + ": {}}}", "f.yaml"));
    // Syntax errors come from the YAML parser with their line.
    try {
       parseConfigText("probe:\n  enabled: [true\n", "f.yaml");
@@ -211,7 +213,8 @@ struct ConfigServiceTest : ::testing::Test {
       std::filesystem::rename(file.string() + ".tmp", file);  // as editors do
    }
    bool runUntil(const std::function<bool()>& done) {
-      for (int i = 0; i < 40 && !done(); ++i) sched.runOnce(0.05);
+      for (int i = 0; i < 40 && !done(); ++i)
+         sched.runOnce(0.05);
       return done();
    }
 };

@@ -16,7 +16,7 @@
 namespace Ravel::testing {
 
 class FakePam : public IpPam {
-public:
+ public:
    using IpPam::IpPam;
 
    void filterProgramIs(const SockFilterProgram& prog) override { filter = prog; }
@@ -31,10 +31,12 @@ public:
    void inject(std::span<const uint8_t> bytes, const IpGenAddr& src, const IpGenAddr& dst,
                bool notify = true) {
       rx.push_back({Pkt::fromBytes(bytes), src, dst});
-      if (notify) readable_.notify();
+      if (notify)
+         readable_.notify();
    }
    Ptr<Pkt> rxPkt() override {
-      if (rx.empty()) return nullptr;
+      if (rx.empty())
+         return nullptr;
       Rx r = std::move(rx.front());
       rx.pop_front();
       rxSrc_ = r.src;
@@ -66,7 +68,7 @@ public:
 };
 
 class FakePamFactory : public PamFactory {
-public:
+ public:
    // The next `times` creations in namespace `ns` for family `af` throw Errno(err).
    void failNext(const std::string& ns, AddressFamily af, int err, int times = 1) {
       failures[{ns, af}] = {err, times};
@@ -84,7 +86,7 @@ public:
    std::vector<Ptr<FakePam>> created;
    std::map<std::pair<std::string, AddressFamily>, std::pair<int, int>> failures;
 
-private:
+ private:
    Ptr<IpPam> create(const std::string& name, AddressFamily af, int protocol,
                      const std::string& ns) {
       if (auto it = failures.find({ns, af}); it != failures.end() && it->second.second > 0) {

@@ -41,7 +41,8 @@ TEST_F(LumenTest, RingsKeepTheNewestPerLevelInGlobalOrder) {
    lumen::record(3, "Cat", "g", std::string(2000, 'x'));  // cut to what a slot holds
    auto recs = lumen::readFile(path);
    std::vector<std::string> got;
-   for (auto& r : recs) got.push_back(std::to_string(r.level) + ":" + r.message.substr(0, 7));
+   for (auto& r : recs)
+      got.push_back(std::to_string(r.level) + ":" + r.message.substr(0, 7));
    // Level 1 kept its two newest; level 2 recorded nothing; all merged by sequence.
    EXPECT_EQ(got, (std::vector<std::string>{"3:three 0", "3:three 1", "3:three 2", "1:one 3",
                                             "3:three 3", "1:one 4", "3:three 4", "3:xxxxxxx"}));
@@ -66,7 +67,8 @@ TEST_F(LumenTest, SurvivesACrashAndSkipsATornSlot) {
    ASSERT_EQ(recs.size(), 2u);
    EXPECT_EQ(recs[0].message, "before the crash");
    EXPECT_EQ(recs[1].category, "PamSm");
-   EXPECT_NE(lumen::formatRecord(recs[0]).find(" 0 Ravel main: before the crash"), std::string::npos);
+   EXPECT_NE(lumen::formatRecord(recs[0]).find(" 0 Ravel main: before the crash"),
+             std::string::npos);
 
    // Tear the second record's commit word: the reader skips it, keeps the rest.
    {

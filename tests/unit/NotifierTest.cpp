@@ -25,7 +25,8 @@ TEST(Notifier, ObserverAddedDuringDeliveryStartsWithNextNotification) {
    int late = 0;
    Subscription lateSub;
    auto s = n.subscribe([&] {
-      if (!lateSub.active()) lateSub = n.subscribe([&] { ++late; });
+      if (!lateSub.active())
+         lateSub = n.subscribe([&] { ++late; });
    });
    n.notify();
    EXPECT_EQ(late, 0);

@@ -38,7 +38,8 @@ TEST(Checksum, Rfc1071ExampleOddLengthsAndChaining) {
       for (size_t i = 0; i < b.size(); i += 2) {
          expect += uint32_t(b[i] << 8) | (i + 1 < b.size() ? b[i + 1] : 0);
       }
-      while (expect >> 16) expect = (expect & 0xffff) + (expect >> 16);
+      while (expect >> 16)
+         expect = (expect & 0xffff) + (expect >> 16);
       EXPECT_EQ(internetChecksum(b), uint16_t(~expect)) << c.bytes;
    }
    // Chained over even-length chunks equals one pass, whatever the split.

@@ -12,7 +12,8 @@ using testing::FakePam;
 using testing::FakePamFactory;
 
 bool sameProgram(const SockFilterProgram& a, const SockFilterProgram& b) {
-   if (a.size() != b.size()) return false;
+   if (a.size() != b.size())
+      return false;
    for (size_t i = 0; i < a.size(); ++i) {
       if (a[i].code != b[i].code || a[i].jt != b[i].jt || a[i].jf != b[i].jf || a[i].k != b[i].k) {
          return false;
@@ -96,18 +97,18 @@ TEST_F(PamSmTest, OperationTable) {
    };
    const Case cases[] = {
        {"unchanged", [](PamSmTest&) {}, PamSm::kNothing, true, 7},
-       {"unconfigured", [](PamSmTest& t) { t.errConfig->vrfDel(VrfName("red")); },
-        PamSm::kRemove, false, 0},
+       {"unconfigured", [](PamSmTest& t) { t.errConfig->vrfDel(VrfName("red")); }, PamSm::kRemove,
+        false, 0},
        {"inactive", [](PamSmTest& t) { t.vrfStatus("red", VrfState::inactive, true, 7); },
         PamSm::kRemove, false, 0},
        {"inode invalid", [](PamSmTest& t) { t.vrfStatus("red", VrfState::active, false, 7); },
         PamSm::kRemove, false, 0},
-       {"status gone", [](PamSmTest& t) { t.vrfs->vrf.del(VrfName("red")); }, PamSm::kRemove,
-        false, 0},
+       {"status gone", [](PamSmTest& t) { t.vrfs->vrf.del(VrfName("red")); }, PamSm::kRemove, false,
+        0},
        {"new inode", [](PamSmTest& t) { t.vrfStatus("red", VrfState::active, true, 9); },
         PamSm::kRecreate, true, 9},
-       {"probe role", [](PamSmTest& t) { t.probeConfig->vrfIs(VrfName("red")); },
-        PamSm::kRecreate, true, 7},
+       {"probe role", [](PamSmTest& t) { t.probeConfig->vrfIs(VrfName("red")); }, PamSm::kRecreate,
+        true, 7},
    };
    for (auto& c : cases) {
       SCOPED_TRACE(c.what);
@@ -127,7 +128,8 @@ TEST_F(PamSmTest, OperationTable) {
       EXPECT_EQ(oldV4->netNs(), "ns-red");
 
       c.before(*this);  // the reactors run handleVrf
-      if (c.op == PamSm::kNothing) sm->handleVrf(VrfName("red"));
+      if (c.op == PamSm::kNothing)
+         sm->handleVrf(VrfName("red"));
       EXPECT_EQ(sm->lastOperation(), c.op);
       if (c.op == PamSm::kRecreate || c.op == PamSm::kRemove) {
          // Removal is immediate, creation waits for the backlog task.
@@ -248,7 +250,8 @@ TEST_F(PamSmTest, BacklogYieldsResumesAtBookmarkAndLosesNothing) {
    errConfig->vrfIs(VrfName("0"));
    vrfStatus("0", VrfState::active, true, 3);
    sched.runUntilIdle();
-   for (auto* n : {"0", "a", "b", "c", "d", "e"}) EXPECT_TRUE(hasPams(n)) << n;
+   for (auto* n : {"0", "a", "b", "c", "d", "e"})
+      EXPECT_TRUE(hasPams(n)) << n;
    EXPECT_FALSE(sm->vrfBacklogBookmark());
    EXPECT_EQ(sm->vrfBacklogTask().workCount(), 6u);
 }

@@ -15,9 +15,12 @@ using Ravel::testing::FakePam;
 
 uint16_t csum(const Bytes& b, size_t from = 0, size_t len = SIZE_MAX, uint32_t sum = 0) {
    len = std::min(len, b.size() - from);
-   for (size_t i = 0; i + 1 < len; i += 2) sum += uint32_t(b[from + i] << 8 | b[from + i + 1]);
-   if (len % 2) sum += uint32_t(b[from + len - 1] << 8);
-   while (sum >> 16) sum = (sum & 0xffff) + (sum >> 16);
+   for (size_t i = 0; i + 1 < len; i += 2)
+      sum += uint32_t(b[from + i] << 8 | b[from + i + 1]);
+   if (len % 2)
+      sum += uint32_t(b[from + len - 1] << 8);
+   while (sum >> 16)
+      sum = (sum & 0xffff) + (sum >> 16);
    return static_cast<uint16_t>(~sum);
 }
 void put16(Bytes& b, size_t at, uint16_t v) {
@@ -39,8 +42,16 @@ struct Req {
    uint8_t type = 0;  // 0: the family's request type
 
    Bytes build(const IpGenAddr& src, const IpGenAddr& dst) const {
-      Bytes m = {uint8_t(type ? type : v6 ? 160 : 42), 0, 0, 0, uint8_t(id >> 8), uint8_t(id),
-                 seq, uint8_t(local ? 1 : 0)};
+      Bytes m = {uint8_t(type ? type
+                         : v6 ? 160
+                              : 42),
+                 0,
+                 0,
+                 0,
+                 uint8_t(id >> 8),
+                 uint8_t(id),
+                 seq,
+                 uint8_t(local ? 1 : 0)};
       Bytes ext = {uint8_t(version << 4), 0, 0, 0};
       Bytes obj = {0, 0, cls, ctype};
       put16(obj, 0, uint16_t(4 + body.size() + lengthDelta));
@@ -51,8 +62,10 @@ struct Req {
       uint16_t s;
       if (v6) {
          Bytes pseudo;
-         for (auto x : src.bytes()) pseudo.push_back(x);
-         for (auto x : dst.bytes()) pseudo.push_back(x);
+         for (auto x : src.bytes())
+            pseudo.push_back(x);
+         for (auto x : dst.bytes())
+            pseudo.push_back(x);
          uint32_t len = uint32_t(m.size());
          pseudo.insert(pseudo.end(), {uint8_t(len >> 24), uint8_t(len >> 16), uint8_t(len >> 8),
                                       uint8_t(len), 0, 0, 0, 58});
@@ -76,7 +89,8 @@ Bytes withIpv4Header(const Bytes& icmp) {
 
 Bytes addrBody(const IpGenAddr& a) {
    Bytes b = {0, uint8_t(a.isV4() ? 1 : 2), uint8_t(a.bytes().size()), 0};
-   for (auto x : a.bytes()) b.push_back(x);
+   for (auto x : a.bytes())
+      b.push_back(x);
    return b;
 }
 Bytes indexBody(uint32_t i) {
@@ -102,8 +116,7 @@ struct ProbeTest : ::testing::Test {
    Ptr<RootSm> sm;
 
    IpGenAddr client4 = *IpGenAddr::parse("192.0.2.1"), router4 = *IpGenAddr::parse("192.0.2.2");
-   IpGenAddr client6 = *IpGenAddr::parse("2001:db8::1"),
-             router6 = *IpGenAddr::parse("2001:db8::2");
+   IpGenAddr client6 = *IpGenAddr::parse("2001:db8::1"), router6 = *IpGenAddr::parse("2001:db8::2");
 
    ProbeTest() {
       for (auto f : {&Config::enabled, &Config::ifname, &Config::ifindex, &Config::ifaddr}) {
@@ -128,8 +141,10 @@ struct ProbeTest : ::testing::Test {
       auto s = make<IntfStatus>(id);
       s->operStatus.set(oper);
       intfs->intfStatus.is(id, s);
-      if (ifindex) ifIndex->intfId.is(ifindex, id);
-      if (vrf.empty()) return;
+      if (ifindex)
+         ifIndex->intfId.is(ifindex, id);
+      if (vrf.empty())
+         return;
       auto l = make<L3IntfStatus>(id);
       l->vrf.set(VrfName(vrf));
       l3->intfStatus.is(id, l);
@@ -163,7 +178,8 @@ struct ProbeTest : ::testing::Test {
       size_t before = pam->tx.size();
       pam->inject(wire, src, dst);
       sched.runUntilIdle();
-      if (pam->tx.size() == before) return {};
+      if (pam->tx.size() == before)
+         return {};
       EXPECT_EQ(pam->tx.back().src, dst);
       EXPECT_EQ(pam->tx.back().dst, src);
       return pam->tx.back().bytes;
@@ -190,55 +206,87 @@ TEST_F(ProbeTest, RepliesAndCounters) {
    auto v6 = [](Req& r) { r.v6 = true; };
    const Case cases[] = {
        {"name, up, v4+v6", [](Req&) {}, 0, 0x07, "responsesSent"},
-       {"name, up, v4 only", [](Req& r) { r.body = {'e', 't', 'h', '1'}; }, 0, 0x06,
-        "responsesSent"},
-       {"name, down", [](Req& r) { r.body = {'e', 't', 'h', '2'}; }, 0, 0x00, "responsesSent"},
+       {"name, up, v4 only",
+        [](Req& r) {
+           r.body = {'e', 't', 'h', '1'};
+        },
+        0, 0x06, "responsesSent"},
+       {"name, down",
+        [](Req& r) {
+           r.body = {'e', 't', 'h', '2'};
+        },
+        0, 0x00, "responsesSent"},
        {"name padded", [](Req& r) { r.body = {'e', 't', 'h', '0', 0, 0, 0, 0}; }, 0, 0x07,
         "responsesSent"},
        {"name without L3 status counts as default",
-        [](Req& r) { r.body = {'b', 'a', 'r', 'e'}; }, 0, 0x04, "responsesSent"},
-       {"name in another VRF", [](Req& r) { r.body = {'r', 'e', 'd', '/', 'e', 't', 'h', '3'}; },
+        [](Req& r) {
+           r.body = {'b', 'a', 'r', 'e'};
+        },
+        0, 0x04, "responsesSent"},
+       {"name in another VRF", [](Req& r) { r.body = {'r', 'e', 'd', '/', 'e', 't', 'h', '3'}; }, 2,
+        0, "wrongVrfRequested"},
+       {"unknown name",
+        [](Req& r) {
+           r.body = {'n', 'o', 'p', 'e'};
+        },
         2, 0, "wrongVrfRequested"},
-       {"unknown name", [](Req& r) { r.body = {'n', 'o', 'p', 'e'}; }, 2, 0,
-        "wrongVrfRequested"},
-       {"name not UTF-8", [](Req& r) { r.body = {'e', 0xff, 't', 'h'}; }, 2, 0,
-        "interfaceLookupFailed"},
-       {"name invalid", [](Req& r) { r.body = {'a', ' ', 'b', 'c'}; }, 2, 0,
-        "interfaceLookupFailed"},
+       {"name not UTF-8",
+        [](Req& r) {
+           r.body = {'e', 0xff, 't', 'h'};
+        },
+        2, 0, "interfaceLookupFailed"},
+       {"name invalid",
+        [](Req& r) {
+           r.body = {'a', ' ', 'b', 'c'};
+        },
+        2, 0, "interfaceLookupFailed"},
        {"ifindex", [](Req& r) { r.ctype = 2, r.body = indexBody(3); }, 0, 0x06, "responsesSent"},
        {"ifindex unknown", [](Req& r) { r.ctype = 2, r.body = indexBody(99); }, 2, 0,
         "interfaceLookupFailed"},
-       {"address v4", [](Req& r) { r.ctype = 3, r.body = addrBody(*IpGenAddr::parse("203.0.113.1")); },
-        0, 0x00, "responsesSent"},
-       {"address v6 over v6", [&](Req& r) {
+       {"address v4",
+        [](Req& r) { r.ctype = 3, r.body = addrBody(*IpGenAddr::parse("203.0.113.1")); }, 0, 0x00,
+        "responsesSent"},
+       {"address v6 over v6",
+        [&](Req& r) {
            v6(r);
            r.ctype = 3, r.body = addrBody(*IpGenAddr::parse("2001:db8::2"));
-        }, 0, 0x07, "responsesSent"},
-       {"address unknown", [](Req& r) { r.ctype = 3, r.body = addrBody(*IpGenAddr::parse("10.9.9.9")); },
-        2, 0, "interfaceLookupFailed"},
+        },
+        0, 0x07, "responsesSent"},
+       {"address unknown",
+        [](Req& r) { r.ctype = 3, r.body = addrBody(*IpGenAddr::parse("10.9.9.9")); }, 2, 0,
+        "interfaceLookupFailed"},
        {"v6 by name", [&](Req& r) { v6(r); }, 0, 0x07, "responsesSent"},
        // Remote probes (L=0) through the ARP/ND table.
-       {"remote one match", [](Req& r) {
+       {"remote one match",
+        [](Req& r) {
            r.local = false, r.ctype = 3, r.body = addrBody(*IpGenAddr::parse("192.0.2.77"));
-        }, 0, 0x40, "responsesSent"},
-       {"remote two matches", [](Req& r) {
+        },
+        0, 0x40, "responsesSent"},
+       {"remote two matches",
+        [](Req& r) {
            r.local = false, r.ctype = 3, r.body = addrBody(*IpGenAddr::parse("192.0.2.88"));
-        }, 4, 0, "responsesSent"},
-       {"remote none (other VRF's entry)", [](Req& r) {
+        },
+        4, 0, "responsesSent"},
+       {"remote none (other VRF's entry)",
+        [](Req& r) {
            r.local = false, r.ctype = 3, r.body = addrBody(*IpGenAddr::parse("10.1.1.1"));
-        }, 3, 0, "responsesSent"},
-       {"remote v6 one match", [&](Req& r) {
+        },
+        3, 0, "responsesSent"},
+       {"remote v6 one match",
+        [&](Req& r) {
            v6(r);
            r.local = false, r.ctype = 3, r.body = addrBody(*IpGenAddr::parse("2001:db8::77"));
-        }, 0, 0x40, "responsesSent"},
+        },
+        0, 0x40, "responsesSent"},
        {"remote by name", [](Req& r) { r.local = false; }, 1, 0, "remoteRequestMalformed"},
        // Object-level faults: answered with Malformed Query.
        {"class 2", [](Req& r) { r.cls = 2; }, 1, 0, "badExtensionObject"},
        {"c-type 4", [](Req& r) { r.ctype = 4; }, 1, 0, "badExtensionObject"},
        {"ifindex body too long", [](Req& r) { r.ctype = 2, r.body = Bytes(8, 0); }, 1, 0,
         "badExtensionObject"},
-       {"address AFI/length mismatch", [](Req& r) { r.ctype = 3, r.body = {0, 1, 16, 0, 1, 2, 3, 4}; },
-        1, 0, "badExtensionObject"},
+       {"address AFI/length mismatch",
+        [](Req& r) { r.ctype = 3, r.body = {0, 1, 16, 0, 1, 2, 3, 4}; }, 1, 0,
+        "badExtensionObject"},
        {"empty name", [](Req& r) { r.body = {}; }, 1, 0, "badExtensionObject"},
        // Packet-level faults: dropped.
        {"bad ICMP checksum", [](Req& r) { r.badIcmpSum = true; }, -1, 0, "incorrectIcmpChecksum"},
@@ -301,10 +349,12 @@ TEST_F(ProbeTest, PolicyRefusesWithoutReply) {
        {"ifaddr off", [](Config& c) { c.ifaddr.set(false); },
         [](Req& r) { r.ctype = 3, r.body = addrBody(*IpGenAddr::parse("192.0.2.2")); }, false},
        {"remote off", [](Config&) {}, [](Req& r) { r.local = false; }, false},
-       {"remote on, ifname off, remote by name", [](Config& c) {
+       {"remote on, ifname off, remote by name",
+        [](Config& c) {
            c.remote.set(true);
            c.ifname.set(false);
-        }, [](Req& r) { r.local = false; }, true},
+        },
+        [](Req& r) { r.local = false; }, true},
        // A malformed object carries the default ifIndex 0: allowed only with ifindex.
        {"malformed, ifindex on", [](Config&) {}, [](Req& r) { r.cls = 2; }, true},
        {"malformed, ifindex off", [](Config& c) { c.ifindex.set(false); },
@@ -342,7 +392,13 @@ TEST_F(ProbeTest, ShortPacketsCountTheRightCheck) {
    const Case cases[] = {
        {"19 bytes", Bytes(ip.begin(), ip.begin() + 19), false, "pktTooShort"},
        {"IHL 6, 22 bytes", ihl6, false, "pktTooShort"},
-       {"version 6 in IPv4 PAM", [&] { Bytes b = ip; b[0] = 0x65; return b; }(), false, "unknownAf"},
+       {"version 6 in IPv4 PAM",
+        [&] {
+           Bytes b = ip;
+           b[0] = 0x65;
+           return b;
+        }(),
+        false, "unknownAf"},
        {"7 byte ICMP", Bytes(ip.begin(), ip.begin() + 27), false, "pktTooShort"},
        // The extension sums to zero on its own, so cutting it off leaves the ICMP checksum good.
        {"no extension", Bytes(ip.begin(), ip.begin() + 28), false, "pktTooShort"},
@@ -362,7 +418,8 @@ TEST_F(ProbeTest, QueueLimitDropsAndCounts) {
    config->maxQueueLength.set(2);
    Req r;
    Bytes wire = withIpv4Header(r.build(client4, router4));
-   for (int i = 0; i < 5; ++i) pam4->inject(wire, client4, router4, false);
+   for (int i = 0; i < 5; ++i)
+      pam4->inject(wire, client4, router4, false);
    pam4->inject(wire, client4, router4, true);  // one readable notification for all six
    // Accepted while each queue holds at most the limit: the input queue reaches limit + 1.
    EXPECT_EQ(status->requestsReceived, 3u);
@@ -376,7 +433,8 @@ TEST_F(ProbeTest, TasksYieldAndRescheduleUntilEmpty) {
    sched.forceYieldAfter(2);
    Req r;
    Bytes wire = withIpv4Header(r.build(client4, router4));
-   for (int i = 0; i < 7; ++i) pam4->inject(wire, client4, router4, false);
+   for (int i = 0; i < 7; ++i)
+      pam4->inject(wire, client4, router4, false);
    pam4->inject(wire, client4, router4, true);
    sched.runOnce(0);
    EXPECT_EQ(sm->queues()->inputSize(), 6u);  // two processed, then yielded
@@ -423,7 +481,8 @@ TEST(RequestedInterface, TextFormRoundTripAndErrors) {
       RequestedInterface::fromString("ifFoo=1");
       FAIL();
    } catch (const std::invalid_argument& e) {
-      EXPECT_STREQ(e.what(), "Invalid string rep for RequestedInterface: unknown alternative ifFoo");
+      EXPECT_STREQ(e.what(),
+                   "Invalid string rep for RequestedInterface: unknown alternative ifFoo");
    }
    EXPECT_THROW(RequestedInterface::fromString("ifName"), std::invalid_argument);
 }

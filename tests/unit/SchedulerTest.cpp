@@ -48,7 +48,8 @@ TEST_F(SchedulerTest, SchedulingTwiceRunsOnceAndRescheduleGoesToNextPass) {
    int runs = 0;
    Task* self = nullptr;
    Task t(sched, "self", 3, [&] {
-      if (++runs < 3) self->scheduleTask();
+      if (++runs < 3)
+         self->scheduleTask();
    });
    self = &t;
    t.scheduleTask();
@@ -77,10 +78,12 @@ TEST_F(SchedulerTest, ForcedYieldAfterNQuestionsPerRun) {
       while (remaining > 0) {
          --remaining;
          ++n;
-         if (sched.taskShouldYield()) break;
+         if (sched.taskShouldYield())
+            break;
       }
       itemsPerRun.push_back(n);
-      if (remaining > 0) self->scheduleTask();
+      if (remaining > 0)
+         self->scheduleTask();
    });
    self = &t;
    t.scheduleTask();
@@ -115,11 +118,10 @@ TEST_F(SchedulerTest, TimersFireInExpirationOrderAtTheirOwnTime) {
    std::vector<std::pair<std::string, Seconds>> fired;
    std::vector<std::unique_ptr<TimerTask>> timers;
    Seconds start = clock->now();
-   for (auto [name, delay] : std::vector<std::pair<std::string, Seconds>>{
-            {"c", 0.3}, {"a", 0.1}, {"b", 0.2}}) {
-      timers.push_back(std::make_unique<TimerTask>(sched, name, 3, [&, name = name] {
-         fired.emplace_back(name, clock->now() - start);
-      }));
+   for (auto [name, delay] :
+        std::vector<std::pair<std::string, Seconds>>{{"c", 0.3}, {"a", 0.1}, {"b", 0.2}}) {
+      timers.push_back(std::make_unique<TimerTask>(
+          sched, name, 3, [&, name = name] { fired.emplace_back(name, clock->now() - start); }));
       timers.back()->scheduleTaskDelay(delay);
    }
    timers[2]->cancel();  // "b"
@@ -149,13 +151,15 @@ TEST_F(SchedulerTest, FdTaskOneShotAndLevelTriggeredWatch) {
    EXPECT_EQ(runs, 1);
 
    t.taskWatchReadableIs(true);
-   for (int i = 0; i < 4; ++i) sched.runOnce(0);
+   for (int i = 0; i < 4; ++i)
+      sched.runOnce(0);
    EXPECT_GE(runs, 3);  // still readable: runs on every pass
 
    uint64_t v;
    ASSERT_EQ(read(efd, &v, sizeof v), 8);
    int before = runs;
-   for (int i = 0; i < 4; ++i) sched.runOnce(0);
+   for (int i = 0; i < 4; ++i)
+      sched.runOnce(0);
    EXPECT_LE(runs, before + 1);  // drained: at most the pass already queued
 
    t.taskWatchReadableIs(false);
@@ -172,7 +176,8 @@ TEST_F(SchedulerTest, RealClockYieldsAfterTimeSlice) {
    int questions = 0;
    bool yielded = false;
    Task t(real, "spin", 3, [&] {
-      while (!(yielded = real.taskShouldYield()) && questions < 100000000) ++questions;
+      while (!(yielded = real.taskShouldYield()) && questions < 100000000)
+         ++questions;
    });
    t.scheduleTask();
    real.runOnce(0);
