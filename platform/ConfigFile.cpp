@@ -166,7 +166,7 @@ class Parser {
          VrfName vrf;
          try {
             vrf = VrfName(name);
-         } catch (const std::length_error&) {
+         } catch (const std::out_of_range&) {
             fail(it->first, vk, fmt::format("VRF name longer than {} bytes", VrfName::kMaxLen));
          }
          if (name.empty())
@@ -222,7 +222,7 @@ class Parser {
             std::string name = it->first.as<std::string>();
             std::string lk = k + "." + name;
             AclList acl{name, af, {}};
-            const YAML::Node& rules = it->second;
+            YAML::Node rules = it->second;  // a copy: the iterator hands out a temporary
             if (!rules.IsNull() && !rules.IsSequence()) {
                fail(rules, lk, fmt::format("expected a list of rules, got {}", scalarText(rules)));
             }

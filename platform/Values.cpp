@@ -21,7 +21,7 @@ const char* toString(AddressFamily af) {
 
 VrfName::VrfName(std::string name) : name_(std::move(name)) {
    if (name_.size() > kMaxLen) {
-      throw std::length_error(
+      throw std::out_of_range(
           fmt::format("VRF name longer than {} bytes: {}...", kMaxLen, name_.substr(0, 16)));
    }
 }

@@ -23,7 +23,7 @@ class VrfName {
  public:
    static constexpr size_t kMaxLen = 100;
    VrfName() = default;
-   VrfName(std::string name);  // throws std::length_error
+   VrfName(std::string name);  // throws std::out_of_range
    VrfName(const char* name) : VrfName(std::string(name)) {}
    static VrfName defaultVrf() { return VrfName("default"); }
 

@@ -40,3 +40,33 @@ def test_unknown_command_word(namespaces, daemon_factory):
     r = d.ctl("raw", "dumpState", "Bogus", check=False)
     assert r.stdout.startswith("Unknown command: Bogus")
     assert r.returncode != 0
+
+
+def test_default_vrf_pams_are_raw_sockets(namespaces, daemon_factory):
+    ns = namespaces.make("s")
+    d = daemon_factory(ns).start()
+    dump = d.ctl("dump").stdout
+    for fam, proto in (("ipv4", 1), ("ipv6", 58)):
+        assert f"pam default {fam}\n    IpPam enabled 1 protocol {proto} netNs default\n" in dump
+    ss = ns.run("ss", "-A", "raw", "-a", "-n", "-p").stdout
+    raw = [l for l in ss.splitlines() if '"ravel"' in l]
+    assert len(raw) == 2, ss
+
+
+@pytest.mark.parametrize("text, message", [
+    ("probe:\n  enabled: yes please\n",
+     'ravel.yaml:2: expected a boolean, got "yes please" (key probe.enabled)'),
+    ("probe: {}\nextra: 1\n", 'ravel.yaml:2: unknown key "extra" (key extra)'),
+])
+def test_bad_configuration_stops_start_up_with_one_line(namespaces, workdir, text, message):
+    ns = namespaces.make("c")
+    cfg = workdir / "ravel.yaml"
+    cfg.write_text(text)
+    r = ns.run(RAVELCTL.parent / "ravel", "--socket", workdir / "s.sock", "--config", cfg,
+               check=False, timeout=10)
+    assert r.returncode == 2
+    lines = r.stderr.strip().splitlines()
+    assert len(lines) == 1 and lines[0].endswith(message), r.stderr
+    missing = ns.run(RAVELCTL.parent / "ravel", "--socket", workdir / "s.sock", "--config",
+                     workdir / "absent.yaml", check=False, timeout=10)
+    assert missing.returncode == 2 and "absent.yaml" in missing.stderr
