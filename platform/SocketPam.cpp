@@ -196,15 +196,17 @@ void SocketPam::txPktIs(const Ptr<Pkt>& pkt) {
    sockaddr_storage to{};
    socklen_t toLen;
    alignas(cmsghdr) char control[CMSG_SPACE(sizeof(in6_pktinfo)) + CMSG_SPACE(sizeof(int))] = {};
-   msghdr msg{};
-   iovec iov{pkt->data(), pkt->size()};
-   msg.msg_iov = &iov;
-   msg.msg_iovlen = 1;
-   msg.msg_control = control;
-   msg.msg_controllen = sizeof control;
-   cmsghdr* c = CMSG_FIRSTHDR(&msg);
    size_t used = 0;
-   if (af_ == AddressFamily::ipv4) {
+   auto addCmsg = [&](int level, int type, const void* data, size_t len) {
+      auto* c = reinterpret_cast<cmsghdr*>(control + used);
+      c->cmsg_level = level;
+      c->cmsg_type = type;
+      c->cmsg_len = CMSG_LEN(len);
+      std::memcpy(CMSG_DATA(c), data, len);
+      used += CMSG_SPACE(len);
+   };
+   bool v4 = af_ == AddressFamily::ipv4;
+   if (v4) {
       auto* sin = reinterpret_cast<sockaddr_in*>(&to);
       sin->sin_family = AF_INET;
       sin->sin_addr = txDst_.v4Addr();
@@ -212,19 +214,7 @@ void SocketPam::txPktIs(const Ptr<Pkt>& pkt) {
       if (txSrc_.isV4()) {
          in_pktinfo pi{};
          pi.ipi_spec_dst = txSrc_.v4Addr();
-         c->cmsg_level = IPPROTO_IP;
-         c->cmsg_type = IP_PKTINFO;
-         c->cmsg_len = CMSG_LEN(sizeof pi);
-         std::memcpy(CMSG_DATA(c), &pi, sizeof pi);
-         used += CMSG_SPACE(sizeof pi);
-         c = CMSG_NXTHDR(&msg, c);
-      }
-      if (txTtl_ >= 0) {
-         c->cmsg_level = IPPROTO_IP;
-         c->cmsg_type = IP_TTL;
-         c->cmsg_len = CMSG_LEN(sizeof(int));
-         std::memcpy(CMSG_DATA(c), &txTtl_, sizeof(int));
-         used += CMSG_SPACE(sizeof(int));
+         addCmsg(IPPROTO_IP, IP_PKTINFO, &pi, sizeof pi);
       }
    } else {
       auto* sin6 = reinterpret_cast<sockaddr_in6*>(&to);
@@ -234,26 +224,20 @@ void SocketPam::txPktIs(const Ptr<Pkt>& pkt) {
       if (txSrc_.isV6()) {
          in6_pktinfo pi{};
          pi.ipi6_addr = txSrc_.v6Addr();
-         c->cmsg_level = IPPROTO_IPV6;
-         c->cmsg_type = IPV6_PKTINFO;
-         c->cmsg_len = CMSG_LEN(sizeof pi);
-         std::memcpy(CMSG_DATA(c), &pi, sizeof pi);
-         used += CMSG_SPACE(sizeof pi);
-         c = CMSG_NXTHDR(&msg, c);
-      }
-      if (txTtl_ >= 0) {
-         c->cmsg_level = IPPROTO_IPV6;
-         c->cmsg_type = IPV6_HOPLIMIT;
-         c->cmsg_len = CMSG_LEN(sizeof(int));
-         std::memcpy(CMSG_DATA(c), &txTtl_, sizeof(int));
-         used += CMSG_SPACE(sizeof(int));
+         addCmsg(IPPROTO_IPV6, IPV6_PKTINFO, &pi, sizeof pi);
       }
    }
+   if (txTtl_ >= 0) {
+      addCmsg(v4 ? IPPROTO_IP : IPPROTO_IPV6, v4 ? IP_TTL : IPV6_HOPLIMIT, &txTtl_, sizeof txTtl_);
+   }
+   iovec iov{pkt->data(), pkt->size()};
+   msghdr msg{};
    msg.msg_name = &to;
    msg.msg_namelen = toLen;
+   msg.msg_iov = &iov;
+   msg.msg_iovlen = 1;
+   msg.msg_control = used ? control : nullptr;
    msg.msg_controllen = used;
-   if (used == 0)
-      msg.msg_control = nullptr;
    ssize_t n = ::sendmsg(fd_, &msg, MSG_DONTWAIT);
    if (n < 0) {
       txErrno_ = errno;
