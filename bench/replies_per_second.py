@@ -46,7 +46,9 @@ def main():
         wd = Path(work.name)
         (wd / "ravel.yaml").write_text(
             "probe: {enabled: true, ifname: true, max-queue-length: 4096}\n")
-        d = Daemon(rr, wd, config=wd / "ravel.yaml", env={"LUMEN_DISABLE": "1"}).start()
+        # The ring-file recorder takes every trace point; RAVEL_BENCH_LUMEN=1 keeps it on.
+        env = {} if os.environ.get("RAVEL_BENCH_LUMEN") == "1" else {"LUMEN_DISABLE": "1"}
+        d = Daemon(rr, wd, config=wd / "ravel.yaml", env=env).start()
         os.sched_setaffinity(d.proc.pid, {1})
         for p in Path(f"/proc/{d.proc.pid}/task").iterdir():
             os.sched_setaffinity(int(p.name), {1})
