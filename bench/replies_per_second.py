@@ -17,7 +17,7 @@ ROOT = Path(__file__).resolve().parents[1]
 sys.path.insert(0, str(ROOT / "tests" / "integration"))
 
 from conftest import Daemon, Namespaces  # noqa: E402
-from topo import ROUTER4, build_router  # noqa: E402
+from topo import ROUTER4, build_twins  # noqa: E402
 
 BUILD = ROOT / "build" / "bin"
 
@@ -33,11 +33,7 @@ def main():
     nss = Namespaces()
     work = tempfile.TemporaryDirectory(prefix="ravel-bench-")
     try:
-        rr, rc = nss.make("br"), nss.make("bc")
-        kr, kc = nss.make("bk"), nss.make("bkc")
-        build_router(nss, rr, rc)
-        build_router(nss, kr, kc)
-        kr.run("sysctl", "-qw", "net.ipv4.icmp_echo_enable_probe=1")
+        (rr, rc), (kr, kc), _ = build_twins(nss, "b")
         # Receive processing of the router side on CPU 1 (with the responder), of the client
         # side on CPU 0 (with the load generator): the responder under test gets one core.
         for router, client in ((rr, rc), (kr, kc)):

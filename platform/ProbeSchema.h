@@ -21,12 +21,13 @@ class Config : public Entity {
    Attr<uint32_t> maxQueueLength{1024};
 };
 
-#define RAVEL_PROBE_COUNTERS(X)                                                              \
-   X(requestsReceived)                                                                       \
-   X(queueTooLong) X(pktTooShort) X(unknownAf) X(incorrectIcmpType) X(incorrectIcmpChecksum) \
-       X(badExtensionHeader) X(incorrectExtensionChecksum) X(badExtensionObject)             \
-           X(requestTypeNotAllowed) X(remoteRequestMalformed) X(interfaceLookupFailed)       \
-               X(wrongVrfRequested) X(responsesSent) X(noTxPam) X(txErrors)
+#define RAVEL_PROBE_COUNTERS(X)                                                                    \
+   X(requestsReceived)                                                                             \
+   X(queueTooLong)                                                                                 \
+   X(pktTooShort) X(unknownAf) X(incorrectIcmpType) X(incorrectIcmpChecksum) X(badExtensionHeader) \
+       X(incorrectExtensionChecksum) X(badExtensionObject) X(requestTypeNotAllowed)                \
+           X(remoteRequestMalformed) X(interfaceLookupFailed) X(wrongVrfRequested)                 \
+               X(responsesSent) X(noTxPam) X(txErrors)
 
 // "icmp/probe/status". Plain counters: nobody reacts to them, readers poll.
 class Status : public Entity {

@@ -14,7 +14,7 @@ import pytest
 import probepkt as P
 from conftest import Daemon, Namespaces
 from probeclient import exchange
-from topo import CLIENT6, ROUTER4, ROUTER6, build_router, ifindex
+from topo import CLIENT6, ROUTER4, ROUTER6, build_twins, ifindex
 
 pytestmark = pytest.mark.privileged
 
@@ -26,12 +26,7 @@ def twins():
     nss = Namespaces()
     work = tempfile.TemporaryDirectory(prefix="ravel-diff-")
     try:
-        ravel_r, ravel_c = nss.make("dr"), nss.make("dc")
-        kern_r, kern_c = nss.make("kr"), nss.make("kc")
-        build_router(nss, ravel_r, ravel_c)
-        build_router(nss, kern_r, kern_c)
-        kern_r.run("sysctl", "-qw", "net.ipv4.icmp_echo_enable_probe=1")
-        v6 = kern_r.run("sysctl", "-qw", "net.ipv6.icmp.echo_enable_probe=1", check=False).returncode == 0
+        (ravel_r, ravel_c), (kern_r, kern_c), v6 = build_twins(nss, "d")
         wd = Path(work.name)
         (wd / "ravel.yaml").write_text(CONFIG)
         d = Daemon(ravel_r, wd, config=wd / "ravel.yaml").start()
