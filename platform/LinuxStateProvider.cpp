@@ -124,7 +124,6 @@ LinuxStateProvider::LinuxStateProvider(Scheduler& sched, Ptr<EntityManager> em,
    vrfIds_ = ptrCast<VrfIdMapStatus>(at("vrf/vrfIdMapStatus", VrfIdMapStatus::kTypeName));
    RAVEL_ASSERT(intfs_ && ifIndex_ && l3_ && ip_ && ip6_ && vrfs_ && arp_ && vrfIds_);
 
-   vrfIds_->vrfName.is(0, VrfName::defaultVrf());
    ids_[VrfName::defaultVrf()] = 0;
    addNamespace(VrfName::defaultVrf(), "", 0);
 
@@ -222,7 +221,8 @@ void LinuxStateProvider::handleInotify() {
    scanDirectory();
 }
 
-void LinuxStateProvider::addNamespace(const VrfName& vrf, const std::string& path, NsInode inode) {
+std::unique_ptr<LinuxStateProvider::Namespace> LinuxStateProvider::openNamespace(
+    const VrfName& vrf, const std::string& path, NsInode inode) {
    auto ns = std::make_unique<Namespace>();
    ns->owner = this;
    ns->vrf = vrf;
@@ -249,26 +249,61 @@ void LinuxStateProvider::addNamespace(const VrfName& vrf, const std::string& pat
    } catch (const std::exception& e) {
       // The namespace may have gone already; the next directory event settles it.
       TRACE(0, "cannot read namespace of VRF {}: {}", vrf, e.what());
-      return;
+      return nullptr;
    }
    Namespace* raw = ns.get();
    ns->task = std::make_unique<FdTask>(sched_, "Netlink " + kniName(vrf), kTaskPriority,
-                                       nl_cache_mngr_get_fd(ns->mngr),
-                                       [raw] { nl_cache_mngr_data_ready(raw->mngr); });
+                                       nl_cache_mngr_get_fd(ns->mngr), [this, raw] {
+                                          int err = nl_cache_mngr_data_ready(raw->mngr);
+                                          if (err < 0) {
+                                             // Lost notifications (a full socket buffer): the
+                                             // caches can no longer be trusted; read afresh.
+                                             TRACE(0, "VRF {} netlink: {}; reloading", raw->vrf,
+                                                   nl_geterror(err));
+                                             stale_.insert(raw->vrf);
+                                             resyncTask_.scheduleTask();
+                                          }
+                                       });
    ns->task->taskWatchReadableIs(true);
    ns->kni = ptrCast<KniNsStatus>(
        em_->mount("kni/ns/" + kniName(vrf) + "/status", KniNsStatus::kTypeName));
+   return ns;
+}
+
+void LinuxStateProvider::addNamespace(const VrfName& vrf, const std::string& path, NsInode inode) {
+   auto ns = openNamespace(vrf, path, inode);
+   if (!ns)
+      return;
    TRACE(3, "VRF {} namespace {} inode {}", vrf, path.empty() ? "(own)" : path, inode);
+   Namespace* raw = ns.get();
    namespaces_[vrf] = std::move(ns);
    publish(*raw);
+   vrfIds_->vrfName.is(vrfIdOf(vrf), vrf);
    if (!vrf.isDefault()) {
-      vrfIds_->vrfName.is(vrfIdOf(vrf), vrf);
       auto s = make<VrfStatusLocal>(vrf);
       s->state.set(VrfState::active);
       s->nsInode.set(inode);
       s->nsInodeValid.set(true);
       vrfs_->vrf.is(vrf, s);
    }
+}
+
+// Fresh caches for a namespace whose notifications were lost. What was published stays and
+// is diffed against the new contents, so the VRF and its PAMs are not disturbed.
+void LinuxStateProvider::reloadNamespace(const VrfName& vrf) {
+   auto it = namespaces_.find(vrf);
+   if (it == namespaces_.end())
+      return;
+   auto fresh = openNamespace(vrf, it->second->path, it->second->inode);
+   if (!fresh)
+      return;
+   Namespace& old = *it->second;
+   fresh->intfs = std::move(old.intfs);
+   fresh->ifIndexes = std::move(old.ifIndexes);
+   fresh->arp = std::move(old.arp);
+   fresh->nd = std::move(old.nd);
+   it->second = std::move(fresh);
+   publish(*it->second);
 }
 
 void LinuxStateProvider::removeNamespace(const VrfName& vrf) {
@@ -279,7 +314,8 @@ void LinuxStateProvider::removeNamespace(const VrfName& vrf) {
    vrfs_->vrf.del(vrf);
    unpublish(*it->second);
    em_->entityDel("kni/ns/" + kniName(vrf) + "/status");
-   vrfIds_->vrfName.del(vrfIdOf(vrf));
+   if (!vrf.isDefault())
+      vrfIds_->vrfName.del(vrfIdOf(vrf));
    dirty_.erase(vrf);
    namespaces_.erase(it);
 }
@@ -290,6 +326,18 @@ void LinuxStateProvider::markDirty(const VrfName& vrf) {
 }
 
 void LinuxStateProvider::resync() {
+   // Re-created outside the namespace's own task, which a reload destroys.
+   auto stale = std::move(stale_);
+   stale_.clear();
+   for (auto& vrf : stale) {
+      auto it = namespaces_.find(vrf);
+      if (it == namespaces_.end())
+         continue;
+      std::string path = it->second->path;
+      NsInode inode = it->second->inode;
+      removeNamespace(vrf);
+      addNamespace(vrf, path, inode);
+   }
    auto dirty = std::move(dirty_);
    dirty_.clear();
    for (auto& vrf : dirty) {

@@ -48,7 +48,10 @@ class LinuxStateProvider {
 
    void scanDirectory();
    void handleInotify();
+   std::unique_ptr<Namespace> openNamespace(const VrfName& vrf, const std::string& path,
+                                            NsInode inode);
    void addNamespace(const VrfName& vrf, const std::string& path, NsInode inode);
+   void reloadNamespace(const VrfName& vrf);
    void removeNamespace(const VrfName& vrf);
    void markDirty(const VrfName& vrf);
    void resync();
@@ -71,6 +74,7 @@ class LinuxStateProvider {
    std::map<VrfName, VrfId> ids_;
    VrfId nextId_ = 1;
    std::set<VrfName> dirty_;
+   std::set<VrfName> stale_;
    Task resyncTask_;
    int inotifyFd_ = -1;
    bool dirWatched_ = false;
