@@ -70,3 +70,16 @@ def test_bad_configuration_stops_start_up_with_one_line(namespaces, workdir, tex
     missing = ns.run(RAVELCTL.parent / "ravel", "--socket", workdir / "s.sock", "--config",
                      workdir / "absent.yaml", check=False, timeout=10)
     assert missing.returncode == 2 and "absent.yaml" in missing.stderr
+
+
+def test_ring_file_trace_survives_and_prints(namespaces, daemon_factory, workdir):
+    ns = namespaces.make("t")
+    d = daemon_factory(ns).start()  # LUMENDIR is the work directory
+    d.ctl("dump")
+    d.proc.kill()  # no orderly shutdown: the file must still be readable
+    d.proc.wait()
+    r = sh(RAVELCTL, "trace", workdir / "Ravel.lmn")
+    lines = r.stdout.splitlines()
+    assert any(" Ravel doMountsComplete: doMountsComplete ok" in l for l in lines), r.stdout[:2000]
+    assert any(" PamSm handleVrf: vrfName: default" in l for l in lines)
+    assert any("handleCommand socket fd" in l for l in lines)
