@@ -68,17 +68,6 @@ class Namespaces:
         self.made.append(ns)
         return ns
 
-    def veth(self, a, a_if, b, b_if):
-        """A veth pair between namespaces a and b, both ends up."""
-        tmp = f"{self.tag}t{len(self.made)}{a_if}"[:15]
-        sh("ip", "link", "add", tmp, "type", "veth", "peer", "name", tmp + "p"[:1])
-        sh("ip", "link", "set", tmp, "netns", a.name)
-        sh("ip", "link", "set", tmp + "p"[:1], "netns", b.name)
-        a.run("ip", "link", "set", tmp, "name", a_if)
-        b.run("ip", "link", "set", tmp + "p"[:1], "name", b_if)
-        a.run("ip", "link", "set", a_if, "up")
-        b.run("ip", "link", "set", b_if, "up")
-
     def close(self):
         for ns in reversed(self.made):
             ns.close()

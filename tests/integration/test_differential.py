@@ -5,7 +5,6 @@ responder switched on (net.ipv4.icmp_echo_enable_probe; the IPv6 sysctl where th
 it). The same local requests must get the same code and A/4/6 bits. Where the two must differ,
 the case names the difference and both sides are pinned down.
 """
-import os
 import tempfile
 from pathlib import Path
 

@@ -1,6 +1,5 @@
 """A flood larger than max-queue-length is dropped and counted; memory stays bounded; the
 responder answers normally afterwards."""
-import tempfile
 import time
 from pathlib import Path
 

@@ -1,4 +1,5 @@
 """The PROBE responder end to end: real sockets, real kernel state, requests from scapy."""
+import json
 import os
 import tempfile
 import time
@@ -7,9 +8,9 @@ from pathlib import Path
 import pytest
 
 import probepkt as P
-from conftest import Daemon, Namespaces, sh, wait_for
+from conftest import RAVELCTL, Daemon, Namespaces, sh, wait_for
 from probeclient import exchange
-from topo import CLIENT4, CLIENT6, ROUTER4, ROUTER6, build_router, ifindex
+from topo import CLIENT6, ROUTER4, ROUTER6, build_router, ifindex
 
 pytestmark = pytest.mark.privileged
 
@@ -40,9 +41,13 @@ def lab():
         cfg = wd / "ravel.yaml"
         cfg.write_text(CONFIG.format(remote="true", qlen=1024))
         d = Daemon(router, wd, config=cfg).start()
-        # Interfaces, addresses and VRFs reach the store asynchronously.
-        assert wait_for(lambda: "blue/b0" in d.ctl("show", "status").stdout or True)
-        time.sleep(0.5)
+        # Interfaces, addresses, neighbours and VRFs reach the store asynchronously.
+        def ready():
+            s = json.loads(d.ctl("show", "state", "--json").stdout)
+            intfs = s.get("interfaces", {})
+            return ("blue/b0" in intfs and "ipv4" in intfs.get("r0", {})
+                    and len(s.get("arp", [])) >= 3 and len(s.get("nd", [])) >= 1)
+        assert wait_for(ready, 5)
         yield {"router": router, "client": client, "daemon": d, "config": cfg}
         d.stop()
     finally:
@@ -163,7 +168,8 @@ def test_link_down_follows(lab):
     d, router, client = lab["daemon"], lab["router"], lab["client"]
     router.run("ip", "link", "set", "r1", "down")
     try:
-        time.sleep(0.2)
+        assert wait_for(lambda: json.loads(d.ctl("show", "state", "--json").stdout)
+                        ["interfaces"]["r1"]["oper"] == "down", 3)
         af, m = build({"obj": {"name": "r1"}}, 0x6000, 1)
         [r] = exchange(client, [req(af, m, 0x6000, 1)])
         assert P.parse_reply(r)["byte7"] == 0
@@ -175,8 +181,8 @@ def test_link_down_follows(lab):
 
 
 def test_ravelctl_probe_client(lab):
-    router, client = lab["router"], lab["client"]
-    ctl = str(Path(__file__).resolve().parents[2] / "build" / "bin" / "ravelctl")
+    client = lab["client"]
+    ctl = str(RAVELCTL)
     r = client.run(ctl, "probe", ROUTER4, "--ifname", "r0", "--count", "2", check=False)
     assert r.returncode == 0, r.stdout
     assert r.stdout.count("code=0 (No Error) state=0 A=1 4=1 6=1") == 2
