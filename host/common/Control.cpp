@@ -123,29 +123,4 @@ int controlListen(const std::string& socketPath) {
    return fd.release();
 }
 
-bool controlReadRequest(int fd, std::string& request, double timeoutSeconds) {
-   request.clear();
-   double deadline = nowMs() + timeoutSeconds * 1000.0;
-   char buf[4096];
-   while (request.find('\n') == std::string::npos && request.size() < 65536) {
-      pollfd p{fd, POLLIN, 0};
-      int r = ::poll(&p, 1, msUntil(deadline, nowMs()));
-      if (r < 0 && errno == EINTR)
-         continue;
-      if (r <= 0)
-         return false;
-      ssize_t n = ::read(fd, buf, sizeof buf);
-      if (n < 0 && (errno == EINTR || errno == EAGAIN))
-         continue;
-      if (n <= 0)
-         break;
-      request.append(buf, static_cast<size_t>(n));
-   }
-   if (auto nl = request.find('\n'); nl != std::string::npos)
-      request.resize(nl);
-   if (!request.empty() && request.back() == '\r')
-      request.pop_back();
-   return !request.empty();
-}
-
 }  // namespace Ravel::host

@@ -17,8 +17,4 @@ std::string controlRequest(const std::string& socketPath, const std::string& req
 // file left by a dead daemon is replaced.
 int controlListen(const std::string& socketPath);
 
-// Reads one request line from a freshly accepted client (waiting at most timeoutSeconds).
-// Returns false when the client sent nothing usable.
-bool controlReadRequest(int fd, std::string& request, double timeoutSeconds = 1.0);
-
 }  // namespace Ravel::host

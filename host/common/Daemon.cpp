@@ -110,6 +110,8 @@ void Daemon::start() {
    signalTask_->taskWatchReadableIs(true);
    controlTask_ = std::make_unique<FdTask>(*scheduler_, "RavelControl", 2, listenFd_,
                                            [this] { handleControl(); });
+   reaper_ =
+       std::make_unique<Task>(*scheduler_, "RavelControlReaper", 2, [this] { reapClients(); });
    controlTask_->taskWatchReadableIs(true);
 }
 
@@ -144,6 +146,10 @@ int Daemon::run() {
 void Daemon::stop() {
    controlTask_.reset();
    signalTask_.reset();
+   for (auto& [fd, c] : clients_)
+      ::close(fd);
+   clients_.clear();
+   reaper_.reset();
    // The agent tears itself down in its destructor; it must go before the store and tasks.
    agent_.reset();
    framework_.reset();
@@ -170,26 +176,83 @@ void Daemon::stop() {
    }
 }
 
+// Each client is read without blocking, so one that connects and says nothing holds up no
+// one; a client silent for kClientTimeout is dropped. Replies are written on the scheduler
+// thread: a client that stops reading may stall the daemon for at most SO_SNDTIMEO.
 void Daemon::handleControl() {
    for (;;) {
       int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
       if (fd < 0)
          return;
-      // Replies are written on the scheduler thread: a client that stops reading may stall
-      // the daemon for at most this long.
       timeval tv{2, 0};
       ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
-      std::string request;
-      if (controlReadRequest(fd, request)) {
-         try {
-            commands_->dispatch(fd, request);
-         } catch (const std::exception& e) {
-            // A failing command must not take the daemon down.
-            writeAll(fd, fmt::format("error: {}\n", e.what()));
-            TRACE(0, "command \"{}\" failed: {}", request, e.what());
-         }
+      auto client = std::make_unique<ControlClient>();
+      client->fd = fd;
+      client->task = std::make_unique<FdTask>(*scheduler_, "RavelControlClient", 2, fd,
+                                              [this, fd] { handleClient(fd); });
+      client->task->taskWatchReadableIs(true);
+      client->timeout = std::make_unique<TimerTask>(*scheduler_, "RavelControlTimeout", 2,
+                                                    [this, fd] { finishClient(fd); });
+      client->timeout->scheduleTaskDelay(kClientTimeout);
+      clients_[fd] = std::move(client);
+   }
+}
+
+void Daemon::handleClient(int fd) {
+   auto it = clients_.find(fd);
+   if (it == clients_.end() || it->second->done)
+      return;
+   ControlClient& c = *it->second;
+   char buf[4096];
+   bool eof = false;
+   for (;;) {
+      ssize_t n = ::recv(fd, buf, sizeof buf, MSG_DONTWAIT);
+      if (n > 0) {
+         c.request.append(buf, static_cast<size_t>(n));
+         if (c.request.size() > 65536)
+            eof = true;
+         continue;
       }
-      ::close(fd);
+      if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR))
+         eof = true;
+      break;
+   }
+   auto nl = c.request.find('\n');
+   if (nl == std::string::npos && !eof)
+      return;
+   std::string request = c.request.substr(0, nl);
+   if (!request.empty() && request.back() == '\r')
+      request.pop_back();
+   if (!request.empty()) {
+      try {
+         commands_->dispatch(fd, request);
+      } catch (const std::exception& e) {
+         // A failing command must not take the daemon down.
+         writeAll(fd, fmt::format("error: {}\n", e.what()));
+         TRACE(0, "command \"{}\" failed: {}", request, e.what());
+      }
+   }
+   finishClient(fd);
+}
+
+// Tasks cannot be destroyed from their own handlers: the client is closed by the reaper.
+void Daemon::finishClient(int fd) {
+   auto it = clients_.find(fd);
+   if (it == clients_.end() || it->second->done)
+      return;
+   it->second->done = true;
+   it->second->task->taskWatchReadableIs(false);
+   reaper_->scheduleTask();
+}
+
+void Daemon::reapClients() {
+   for (auto it = clients_.begin(); it != clients_.end();) {
+      if (it->second->done) {
+         ::close(it->first);
+         it = clients_.erase(it);
+      } else {
+         ++it;
+      }
    }
 }
 

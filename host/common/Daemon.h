@@ -1,5 +1,6 @@
 #pragma once
 
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -52,6 +53,9 @@ class Daemon {
  private:
    void loadAgent();
    void handleControl();
+   void handleClient(int fd);
+   void finishClient(int fd);
+   void reapClients();
    void handleSignal();
    void stop();
 
@@ -70,6 +74,16 @@ class Daemon {
    int signalFd_ = -1;
    std::unique_ptr<FdTask> controlTask_;
    std::unique_ptr<FdTask> signalTask_;
+   struct ControlClient {
+      int fd = -1;
+      std::string request;
+      bool done = false;
+      std::unique_ptr<FdTask> task;
+      std::unique_ptr<TimerTask> timeout;
+   };
+   static constexpr Seconds kClientTimeout = 5.0;
+   std::map<int, std::unique_ptr<ControlClient>> clients_;
+   std::unique_ptr<Task> reaper_;
    double startTime_ = 0;
    int exitCode_ = 0;
 };

@@ -83,3 +83,16 @@ def test_ring_file_trace_survives_and_prints(namespaces, daemon_factory, workdir
     assert any(" Ravel doMountsComplete: doMountsComplete ok" in l for l in lines), r.stdout[:2000]
     assert any(" PamSm handleVrf: vrfName: default" in l for l in lines)
     assert any("handleCommand socket fd" in l for l in lines)
+
+
+def test_silent_client_does_not_hold_up_others(namespaces, daemon_factory):
+    import socket
+    import time
+
+    d = daemon_factory(namespaces.make("q")).start()
+    silent = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    silent.connect(str(d.socket))
+    t0 = time.time()
+    assert "pams #" in d.ctl("dump").stdout
+    assert time.time() - t0 < 0.5
+    silent.close()
