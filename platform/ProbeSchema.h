@@ -21,25 +21,37 @@ class Config : public Entity {
    Attr<uint32_t> maxQueueLength{1024};
 };
 
-#define RAVEL_PROBE_COUNTERS(X)                                                                    \
-   X(requestsReceived)                                                                             \
-   X(queueTooLong)                                                                                 \
-   X(pktTooShort) X(unknownAf) X(incorrectIcmpType) X(incorrectIcmpChecksum) X(badExtensionHeader) \
-       X(incorrectExtensionChecksum) X(badExtensionObject) X(requestTypeNotAllowed)                \
-           X(remoteRequestMalformed) X(interfaceLookupFailed) X(wrongVrfRequested)                 \
-               X(responsesSent) X(noTxPam) X(txErrors)
+// clang-format off
+#define RAVEL_PROBE_COUNTERS(X) \
+   X(requestsReceived) \
+   X(queueTooLong) \
+   X(pktTooShort) \
+   X(unknownAf) \
+   X(incorrectIcmpType) \
+   X(incorrectIcmpChecksum) \
+   X(badExtensionHeader) \
+   X(incorrectExtensionChecksum) \
+   X(badExtensionObject) \
+   X(requestTypeNotAllowed) \
+   X(remoteRequestMalformed) \
+   X(interfaceLookupFailed) \
+   X(wrongVrfRequested) \
+   X(responsesSent) \
+   X(noTxPam) \
+   X(txErrors)
+// clang-format on
 
 // "icmp/probe/status". Plain counters: nobody reacts to them, readers poll.
 class Status : public Entity {
    RAVEL_ENTITY_TYPE(Status, "Icmp::Probe::Status")
  public:
+   // clang-format off
 #define RAVEL_PROBE_COUNTER_FIELD(name) \
-   uint64_t name = 0;                   \
-   void name##Inc(uint64_t n) {         \
-      name += n;                        \
-   }
+   uint64_t name = 0; \
+   void name##Inc(uint64_t n) { name += n; }
    RAVEL_PROBE_COUNTERS(RAVEL_PROBE_COUNTER_FIELD)
 #undef RAVEL_PROBE_COUNTER_FIELD
+   // clang-format on
 
    std::map<uint8_t, uint64_t> codeCount;
    void codeCountInc(uint8_t code, uint64_t n) {
