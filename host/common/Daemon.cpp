@@ -153,7 +153,6 @@ void Daemon::stop() {
    // The agent tears itself down in its destructor; it must go before the store and tasks.
    agent_.reset();
    framework_.reset();
-   services_.clear();
    config_.reset();
    linuxState_.reset();
    if (pamFactory_) {
@@ -263,8 +262,6 @@ void Daemon::handleSignal() {
          TRACE(3, "SIGHUP: reloading");
          if (config_)
             config_->reload();
-         for (auto& s : services_)
-            s->reload();
       } else {
          TRACE(3, "signal {}: stopping", si.ssi_signo);
          scheduler_->stop();

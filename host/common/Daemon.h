@@ -24,14 +24,6 @@ struct DaemonOptions {
 // Parses argv; on a usage error throws std::invalid_argument with the message.
 DaemonOptions parseDaemonOptions(int argc, char** argv);
 
-// A part of the daemon that lives as long as it (state providers, configuration). Created
-// before the agent so that the store is filled when the agent mounts.
-class DaemonService {
- public:
-   virtual ~DaemonService() = default;
-   virtual void reload() {}
-};
-
 // Hosts the agent plug-in: state store, scheduler loop, control socket, signals.
 class Daemon {
  public:
@@ -46,7 +38,6 @@ class Daemon {
    const Ptr<EntityManager>& entityManager() const { return em_; }
    const Ptr<AgentCommandRequestDirSm>& commands() const { return commands_; }
    const DaemonOptions& options() const { return opts_; }
-   void serviceIs(std::unique_ptr<DaemonService> s) { services_.push_back(std::move(s)); }
    double startTime() const { return startTime_; }
    ConfigService* configService() const { return config_.get(); }
 
@@ -69,7 +60,6 @@ class Daemon {
    Ptr<CAgent> framework_;
    Ptr<CAgent> agent_;
    void* agentHandle_ = nullptr;
-   std::vector<std::unique_ptr<DaemonService>> services_;
    int listenFd_ = -1;
    int signalFd_ = -1;
    std::unique_ptr<FdTask> controlTask_;
