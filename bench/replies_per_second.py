@@ -33,7 +33,7 @@ def main():
     nss = Namespaces()
     work = tempfile.TemporaryDirectory(prefix="ravel-bench-")
     try:
-        (rr, rc), (kr, kc), _ = build_twins(nss, "b")
+        (rr, rc), (kr, kc) = build_twins(nss, "b")
         # Receive processing of the router side on CPU 1 (with the responder), of the client
         # side on CPU 0 (with the load generator): the responder under test gets one core.
         for router, client in ((rr, rc), (kr, kc)):
