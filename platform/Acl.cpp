@@ -29,7 +29,6 @@ std::optional<IpPrefix> IpPrefix::parse(std::string_view text, AddressFamily af)
    }
    p.addr = *a;
    p.len = static_cast<uint8_t>(len);
-   // Host bits set usually mean a typo; refuse rather than guess.
    auto b = a->bytes();
    for (unsigned bit = len; bit < max; ++bit) {
       if (b[bit / 8] & (0x80 >> (bit % 8)))

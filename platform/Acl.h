@@ -17,13 +17,15 @@ enum class AclAction : uint8_t { permit, deny };
 const char* toString(AclAction a);
 
 struct IpPrefix {
-   IpGenAddr addr;  // host bits cleared
+   IpGenAddr addr;  // host bits clear
    uint8_t len = 0;
-   // "any", "a.b.c.d/n", "x::/n" or a bare address (a host prefix). nullopt when malformed,
-   // of the wrong family (when af is known), or with host bits set.
+   // "any" (the /0 of `af`, IPv4 when af is unknown), "a.b.c.d/n", "x::/n", or a bare address
+   // (a host prefix). nullopt when malformed, of another family than a known `af`, or with host
+   // bits set: "10.0.0.1/8" is more likely a typo than a wish for 10/8.
    static std::optional<IpPrefix> parse(std::string_view text, AddressFamily af);
+   // `addr` is 4 or 16 bytes in network order; the other family never matches.
    bool contains(std::span<const uint8_t> addr) const;
-   std::string str() const;
+   std::string str() const;  // "any" for /0
    bool operator==(const IpPrefix&) const = default;
 };
 
@@ -44,11 +46,13 @@ struct AclList {
 
 struct AclMatch {
    bool matched = false;
-   AclAction action = AclAction::deny;
+   AclAction action = AclAction::deny;  // meaningful only when matched
 };
 
-// Over the IP header at the start of `header`. IPv6 extension headers are not followed: the
-// protocol is the fixed header's next header. A truncated header matches nothing.
+// Over the IP header at the start of the span, whose version nibble must be the list's. The
+// IPv6 protocol is the fixed header's next header: extension header chains are not followed,
+// so a rule on a transport protocol does not match a packet with extension headers. A
+// truncated header matches nothing.
 AclMatch matchesIpAcl(const AclList& acl, std::span<const uint8_t> ipv4Header);
 AclMatch matchesIp6Acl(const AclList& acl, std::span<const uint8_t> ipv6Header);
 
@@ -58,9 +62,10 @@ class AclTypeConfig : public Node {
    Collection<std::string, AclList> acl;
 };
 
-// "acl/config/cli" (what the operator configured) and "acl/config/input" (the aggregate the
-// agents read). With one configuration source the two hold the same lists; the service keeps
-// them in step.
+// "acl/config/cli": the lists as configured. "acl/config/input" (AclInput) is the aggregate of
+// every configuration source, which agents read. It is a separate object kept equal to the cli
+// lists rather than one object mounted twice: the state store types each path on its own, and
+// with a second source the aggregate would stop being any single source.
 class AclConfig : public Entity {
    RAVEL_ENTITY_TYPE(AclConfig, "Acl::Config")
  public:
@@ -68,6 +73,10 @@ class AclConfig : public Entity {
    Ptr<AclTypeConfig> ipv6 = make<AclTypeConfig>();
    const Ptr<AclTypeConfig>& of(AddressFamily af) const {
       return af == AddressFamily::ipv6 ? ipv6 : ipv4;
+   }
+   // Null when no such list exists (yet).
+   const AclList* list(AddressFamily af, const std::string& name) const {
+      return of(af)->acl.find(name);
    }
 };
 

@@ -1,8 +1,14 @@
 #include "platform/ConfigFile.h"
 
-#include <fstream>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <charconv>
+#include <cstring>
 #include <set>
-#include <sstream>
+#include <vector>
 
 #include <fmt/format.h>
 #include <yaml-cpp/yaml.h>
@@ -11,304 +17,441 @@ namespace Ravel {
 
 namespace {
 
+using ErrorResponder::TriState;
+
+const std::pair<const char*, uint8_t> kProtocolNames[] = {
+    {"icmp", 1}, {"tcp", 6}, {"udp", 17}, {"icmpv6", 58}};
+
+// A value with where it came from: its line and its dotted key.
+struct Val {
+   YAML::Node node;
+   YAML::Mark mark;
+   std::string key;
+};
+
+struct Entry {
+   std::string name;
+   YAML::Mark keyMark;
+   Val value;
+};
+
+using Fields = std::map<std::string, Val>;
+
+const Val* field(const Fields& f, const char* name) {
+   auto it = f.find(name);
+   return it == f.end() ? nullptr : &it->second;
+}
+
+// Messages are one line whatever the file holds: control characters are escaped.
+std::string oneLine(const std::string& s) {
+   std::string out;
+   for (unsigned char c : s) {
+      if (c == '\n')
+         out += "\\n";
+      else if (c < ' ' || c == 0x7f)
+         out += fmt::format("\\x{:02x}", c);
+      else
+         out += static_cast<char>(c);
+   }
+   return out;
+}
+
+std::string describe(const YAML::Node& n) {
+   if (n.IsScalar())
+      return fmt::format("\"{}\"", n.Scalar());
+   if (n.IsMap())
+      return "a map";
+   if (n.IsSequence())
+      return "a list";
+   return "nothing";
+}
+
 class Parser {
  public:
    explicit Parser(std::string file) : file_(std::move(file)) {}
 
-   [[noreturn]] void fail(const YAML::Node& at, const std::string& key, const std::string& what) {
-      int line = at.Mark().line >= 0 ? at.Mark().line + 1 : 0;
-      throw ConfigError(fmt::format("{}:{}: {} (key {})", file_, line, what, key));
-   }
-
-   std::string scalarText(const YAML::Node& n) {
-      if (n.IsScalar())
-         return n.Scalar();
-      if (n.IsMap())
-         return "a map";
-      if (n.IsSequence())
-         return "a list";
-      return "nothing";
-   }
-
-   // A map (null counts as empty) whose keys are all in `allowed`.
-   void checkMap(const YAML::Node& n, const std::string& key,
-                 const std::set<std::string>& allowed) {
-      if (n.IsNull())
-         return;
-      if (!n.IsMap())
-         fail(n, key, fmt::format("expected a map, got {}", scalarText(n)));
-      for (auto it = n.begin(); it != n.end(); ++it) {
-         std::string k = it->first.as<std::string>();
-         if (!allowed.count(k))
-            fail(it->first, join(key, k), fmt::format("unknown key \"{}\"", k));
+   RavelConfig parse(const YAML::Node& root) {
+      RavelConfig c;
+      if (!root.IsNull() && !root.IsMap()) {
+         fail(root.Mark(), "",
+              fmt::format("expected a map at the top level, got {}", describe(root)));
       }
+      auto f = fields({root, root.Mark(), ""}, {"probe", "error-responder", "acls"});
+      if (auto v = field(f, "probe"))
+         parseProbe(*v, c.probe);
+      if (auto v = field(f, "error-responder"))
+         parseError(*v, c.errorResponder);
+      if (auto v = field(f, "acls"))
+         parseAcls(*v, c);
+      return c;
    }
 
+   [[noreturn]] void fail(const YAML::Mark& mark, const std::string& key, const std::string& what) {
+      std::string where = file_;
+      if (mark.line >= 0)
+         where += fmt::format(":{}", mark.line + 1);
+      if (key.empty())
+         throw ConfigError(oneLine(fmt::format("{}: {}", where, what)));
+      throw ConfigError(oneLine(fmt::format("{}: {} (key {})", where, what, key)));
+   }
+   [[noreturn]] void fail(const Val& v, const std::string& what) { fail(v.mark, v.key, what); }
+
+ private:
    static std::string join(const std::string& a, const std::string& b) {
       return a.empty() ? b : a + "." + b;
    }
 
-   bool boolean(const YAML::Node& n, const std::string& key) {
-      bool v;
-      if (!n.IsScalar() || !YAML::convert<bool>::decode(n, v)) {
-         fail(n, key, fmt::format("expected a boolean, got \"{}\"", scalarText(n)));
+   // A map's entries in file order; null is the empty map. Keys are distinct scalars. A null
+   // value is placed on its key's line: yaml-cpp marks it where the next token starts.
+   std::vector<Entry> entries(const Val& v) {
+      std::vector<Entry> out;
+      if (v.node.IsNull())
+         return out;
+      if (!v.node.IsMap())
+         fail(v, fmt::format("expected a map, got {}", describe(v.node)));
+      std::set<std::string> seen;
+      for (auto it = v.node.begin(); it != v.node.end(); ++it) {
+         // Copies: the iterator hands out temporaries.
+         YAML::Node k = it->first, x = it->second;
+         if (!k.IsScalar())
+            fail(k.Mark(), v.key, fmt::format("expected a name as key, got {}", describe(k)));
+         std::string key = join(v.key, k.Scalar());
+         if (!seen.insert(k.Scalar()).second)
+            fail(k.Mark(), key, fmt::format("duplicate key \"{}\"", k.Scalar()));
+         out.push_back({k.Scalar(), k.Mark(), {x, x.IsNull() ? k.Mark() : x.Mark(), key}});
       }
-      return v;
+      return out;
    }
 
-   uint64_t unsignedNum(const YAML::Node& n, const std::string& key, uint64_t max) {
-      uint64_t v = 0;
-      const std::string& s = n.IsScalar() ? n.Scalar() : std::string();
-      bool ok = n.IsScalar() && !s.empty() &&
-                s.find_first_not_of("0123456789") == std::string::npos && s.size() <= 20;
-      if (ok) {
-         try {
-            v = std::stoull(s);
-         } catch (const std::exception&) {
-            ok = false;
-         }
+   Fields fields(const Val& v, const std::set<std::string>& allowed) {
+      Fields out;
+      for (auto& e : entries(v)) {
+         if (!allowed.count(e.name))
+            fail(e.keyMark, e.value.key, fmt::format("unknown key \"{}\"", e.name));
+         out[e.name] = e.value;
       }
-      if (!ok || v > max) {
-         fail(n, key,
-              fmt::format("expected a number from 0 to {}, got \"{}\"", max, scalarText(n)));
-      }
-      return v;
+      return out;
    }
 
-   std::string text(const YAML::Node& n, const std::string& key) {
+   bool boolean(const Val& v) {
+      bool b = false;
+      if (!v.node.IsScalar() || !YAML::convert<bool>::decode(v.node, b))
+         fail(v, fmt::format("expected a boolean, got {}", describe(v.node)));
+      return b;
+   }
+
+   TriState triState(const Val& v) {
+      return v.node.IsNull() ? TriState::unset() : TriState::of(boolean(v));
+   }
+
+   // Decimal digits only: "-1" or "0x10" are errors, not wrapped or guessed.
+   static std::optional<uint64_t> digits(const YAML::Node& n) {
       if (!n.IsScalar())
-         fail(n, key, fmt::format("expected a string, got {}", scalarText(n)));
-      return n.Scalar();
+         return std::nullopt;
+      const std::string& s = n.Scalar();
+      uint64_t v = 0;
+      auto [ptr, ec] = std::from_chars(s.data(), s.data() + s.size(), v);
+      if (s.empty() || ec != std::errc() || ptr != s.data() + s.size())
+         return std::nullopt;
+      return v;
    }
 
-   IpGenAddr address(const YAML::Node& n, const std::string& key, AddressFamily af) {
-      auto a = IpGenAddr::parse(text(n, key));
-      if (!a || a->af() != af) {
-         fail(n, key, fmt::format("expected an {} address, got \"{}\"", toString(af), n.Scalar()));
-      }
+   uint64_t number(const Val& v, uint64_t max) {
+      auto n = digits(v.node);
+      if (!n || *n > max)
+         fail(v, fmt::format("expected a number from 0 to {}, got {}", max, describe(v.node)));
+      return *n;
+   }
+
+   std::string text(const Val& v) {
+      if (!v.node.IsScalar())
+         fail(v, fmt::format("expected a string, got {}", describe(v.node)));
+      return v.node.Scalar();
+   }
+
+   // A reference to an ACL; null: none.
+   std::string aclRef(const Val& v) {
+      if (v.node.IsNull())
+         return {};
+      std::string s = text(v);
+      if (s.empty())
+         fail(v, "empty ACL name");
+      return s;
+   }
+
+   IpGenAddr address(const Val& v, AddressFamily af) {
+      if (v.node.IsNull())
+         return {};
+      auto a = IpGenAddr::parse(text(v));
+      if (!a || a->af() != af)
+         fail(v, fmt::format("expected an {} address, got {}", af, describe(v.node)));
       return *a;
    }
 
-   IpPrefix prefix(const YAML::Node& n, const std::string& key, AddressFamily af) {
-      auto p = IpPrefix::parse(text(n, key), af);
+   IpPrefix prefix(const Val& v, AddressFamily af) {
+      auto p = IpPrefix::parse(text(v), af);
       if (!p) {
-         fail(n, key,
-              fmt::format("expected \"any\" or an {} prefix without host bits, got \"{}\"",
-                          toString(af), n.Scalar()));
+         fail(v, fmt::format("expected \"any\" or an {} prefix without host bits, got {}", af,
+                             describe(v.node)));
       }
       return *p;
    }
 
-   RavelConfig parse(const YAML::Node& root) {
-      RavelConfig c;
-      checkMap(root, "", {"probe", "error-responder", "acls"});
-      if (root.IsNull())
-         return c;
-      if (auto p = root["probe"])
-         parseProbe(p, c.probe);
-      if (auto e = root["error-responder"])
-         parseError(e, c.errorResponder);
-      if (auto a = root["acls"])
-         parseAcls(a, c);
-      return c;
+   void parseProbe(const Val& n, ProbeSettings& p) {
+      auto f = fields(n, {"enabled", "ifname", "ifindex", "ifaddr", "remote", "max-queue-length"});
+      for (auto [name, out] : {std::pair{"enabled", &p.enabled}, std::pair{"ifname", &p.ifname},
+                               std::pair{"ifindex", &p.ifindex}, std::pair{"ifaddr", &p.ifaddr},
+                               std::pair{"remote", &p.remote}}) {
+         if (auto v = field(f, name))
+            *out = boolean(*v);
+      }
+      if (auto v = field(f, "max-queue-length"))
+         p.maxQueueLength = static_cast<uint32_t>(number(*v, UINT32_MAX));
    }
 
-   void parseProbe(const YAML::Node& n, ProbeSettings& p) {
-      const std::string k = "probe";
-      checkMap(n, k, {"enabled", "ifname", "ifindex", "ifaddr", "remote", "max-queue-length"});
-      if (n.IsNull())
+   void parseError(const Val& n, ErrorSettings& e) {
+      auto f = fields(n, {"enabled", "add-host-name", "node-id-code-point", "ring-buffer-size",
+                          "vrf-map-size", "vrfs"});
+      if (auto v = field(f, "enabled"))
+         e.enabled = triState(*v);
+      if (auto v = field(f, "add-host-name"))
+         e.addHostName = boolean(*v);
+      if (auto v = field(f, "node-id-code-point"))
+         e.nodeIdCodePoint = static_cast<uint8_t>(number(*v, 255));
+      if (auto v = field(f, "ring-buffer-size"))
+         e.ringBufferSize = ringBufferSize(*v);
+      if (auto v = field(f, "vrf-map-size"))
+         e.vrfMapSize = static_cast<uint32_t>(number(*v, UINT32_MAX));
+      auto vrfs = field(f, "vrfs");
+      if (!vrfs)
          return;
-      if (auto v = n["enabled"])
-         p.enabled = boolean(v, k + ".enabled");
-      if (auto v = n["ifname"])
-         p.ifname = boolean(v, k + ".ifname");
-      if (auto v = n["ifindex"])
-         p.ifindex = boolean(v, k + ".ifindex");
-      if (auto v = n["ifaddr"])
-         p.ifaddr = boolean(v, k + ".ifaddr");
-      if (auto v = n["remote"])
-         p.remote = boolean(v, k + ".remote");
-      if (auto v = n["max-queue-length"]) {
-         p.maxQueueLength =
-             static_cast<uint32_t>(unsignedNum(v, k + ".max-queue-length", UINT32_MAX));
-      }
-   }
-
-   void parseError(const YAML::Node& n, ErrorSettings& e) {
-      const std::string k = "error-responder";
-      checkMap(n, k,
-               {"enabled", "add-host-name", "node-id-code-point", "ring-buffer-size",
-                "vrf-map-size", "vrfs"});
-      if (n.IsNull())
-         return;
-      if (auto v = n["enabled"])
-         e.enabled = ErrorResponder::TriState::of(boolean(v, k + ".enabled"));
-      if (auto v = n["add-host-name"])
-         e.addHostName = boolean(v, k + ".add-host-name");
-      if (auto v = n["node-id-code-point"]) {
-         e.nodeIdCodePoint = static_cast<uint8_t>(unsignedNum(v, k + ".node-id-code-point", 255));
-      }
-      if (auto v = n["ring-buffer-size"]) {
-         e.ringBufferSize =
-             static_cast<uint32_t>(unsignedNum(v, k + ".ring-buffer-size", UINT32_MAX));
-      }
-      if (auto v = n["vrf-map-size"]) {
-         e.vrfMapSize = static_cast<uint32_t>(unsignedNum(v, k + ".vrf-map-size", UINT32_MAX));
-      }
-      auto vrfs = n["vrfs"];
-      if (!vrfs || vrfs.IsNull())
-         return;
-      if (!vrfs.IsMap())
-         fail(vrfs, k + ".vrfs", fmt::format("expected a map, got {}", scalarText(vrfs)));
-      for (auto it = vrfs.begin(); it != vrfs.end(); ++it) {
-         std::string name = it->first.as<std::string>();
-         std::string vk = k + ".vrfs." + name;
+      for (auto& v : entries(*vrfs)) {
          VrfName vrf;
          try {
-            vrf = VrfName(name);
-         } catch (const std::out_of_range&) {
-            fail(it->first, vk, fmt::format("VRF name longer than {} bytes", VrfName::kMaxLen));
+            vrf = VrfName(v.name);
+         } catch (const std::logic_error&) {
+            fail(v.keyMark, v.value.key,
+                 fmt::format("VRF name longer than {} bytes", VrfName::kMaxLen));
          }
-         if (name.empty())
-            fail(it->first, vk, "empty VRF name");
-         e.vrfs[vrf] = parseVrf(it->second, vk);
+         if (v.name.empty())
+            fail(v.keyMark, v.value.key, "empty VRF name");
+         // The VRF's namespace is a file named after it.
+         if (v.name.find('/') != std::string::npos)
+            fail(v.keyMark, v.value.key, "VRF name with \"/\"");
+         e.vrfs[vrf] = parseVrf(v.value);
       }
    }
 
-   ErrorVrfSettings parseVrf(const YAML::Node& n, const std::string& k) {
+   uint32_t ringBufferSize(const Val& v) {
+      static const uint64_t page = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
+      auto n = digits(v.node);
+      bool ok = n && *n <= UINT32_MAX && (*n == 0 || (*n % page == 0 && (*n & (*n - 1)) == 0));
+      if (!ok) {
+         fail(v, fmt::format("expected 0 or a power of two multiple of {}, got {}", page,
+                             describe(v.node)));
+      }
+      return static_cast<uint32_t>(*n);
+   }
+
+   ErrorVrfSettings parseVrf(const Val& n) {
       ErrorVrfSettings s;
-      checkMap(n, k, {"enabled", "ipv4-acl", "ipv6-acl", "node-id"});
-      if (n.IsNull())
+      auto f = fields(n, {"enabled", "ipv4-acl", "ipv6-acl", "node-id"});
+      if (auto v = field(f, "enabled"))
+         s.enabled = triState(*v);
+      if (auto v = field(f, "ipv4-acl"))
+         s.ipv4Acl = aclRef(*v);
+      if (auto v = field(f, "ipv6-acl"))
+         s.ipv6Acl = aclRef(*v);
+      auto nodeId = field(f, "node-id");
+      if (!nodeId)
          return s;
-      if (auto v = n["enabled"])
-         s.enabled = ErrorResponder::TriState::of(boolean(v, k + ".enabled"));
-      if (auto v = n["ipv4-acl"])
-         s.ipv4Acl = text(v, k + ".ipv4-acl");
-      if (auto v = n["ipv6-acl"])
-         s.ipv6Acl = text(v, k + ".ipv6-acl");
-      if (auto id = n["node-id"]) {
-         std::string ik = k + ".node-id";
-         checkMap(id, ik, {"ipv4", "ipv6", "interface"});
-         if (!id.IsNull()) {
-            if (auto v = id["ipv4"])
-               s.nodeId.ipv4 = address(v, ik + ".ipv4", AddressFamily::ipv4);
-            if (auto v = id["ipv6"])
-               s.nodeId.ipv6 = address(v, ik + ".ipv6", AddressFamily::ipv6);
-            if (auto v = id["interface"]) {
-               try {
-                  s.nodeId.interface = IntfId(text(v, ik + ".interface"));
-               } catch (const std::invalid_argument& e) {
-                  fail(v, ik + ".interface", fmt::format("bad interface name: {}", e.what()));
-               }
-            }
+      auto id = fields(*nodeId, {"ipv4", "ipv6", "interface"});
+      if (auto v = field(id, "ipv4"))
+         s.nodeId.ipv4 = address(*v, AddressFamily::ipv4);
+      if (auto v = field(id, "ipv6"))
+         s.nodeId.ipv6 = address(*v, AddressFamily::ipv6);
+      if (auto v = field(id, "interface"); v && !v->node.IsNull()) {
+         std::string name = text(*v);
+         try {
+            s.nodeId.interface = IntfId(name);
+         } catch (const std::invalid_argument& e) {
+            fail(*v, fmt::format("bad interface name \"{}\": {}", name, e.what()));
          }
       }
       return s;
    }
 
-   void parseAcls(const YAML::Node& n, RavelConfig& c) {
-      checkMap(n, "acls", {"ipv4", "ipv6"});
-      if (n.IsNull())
-         return;
+   void parseAcls(const Val& n, RavelConfig& c) {
+      auto f = fields(n, {"ipv4", "ipv6"});
       for (auto [fam, af, out] : {std::tuple{"ipv4", AddressFamily::ipv4, &c.ipv4Acls},
                                   std::tuple{"ipv6", AddressFamily::ipv6, &c.ipv6Acls}}) {
-         auto lists = n[fam];
-         std::string k = std::string("acls.") + fam;
-         if (!lists || lists.IsNull())
+         auto lists = field(f, fam);
+         if (!lists)
             continue;
-         if (!lists.IsMap())
-            fail(lists, k, fmt::format("expected a map, got {}", scalarText(lists)));
-         for (auto it = lists.begin(); it != lists.end(); ++it) {
-            std::string name = it->first.as<std::string>();
-            std::string lk = k + "." + name;
-            AclList acl{name, af, {}};
-            YAML::Node rules = it->second;  // a copy: the iterator hands out a temporary
-            if (!rules.IsNull() && !rules.IsSequence()) {
-               fail(rules, lk, fmt::format("expected a list of rules, got {}", scalarText(rules)));
-            }
+         for (auto& l : entries(*lists)) {
+            const Val& rules = l.value;
+            if (l.name.empty())
+               fail(l.keyMark, rules.key, "empty ACL name");
+            if (!rules.node.IsNull() && !rules.node.IsSequence())
+               fail(rules, fmt::format("expected a list of rules, got {}", describe(rules.node)));
+            AclList acl{l.name, af, {}};
             size_t i = 0;
-            for (const auto& r : rules)
-               acl.rules.push_back(parseRule(r, fmt::format("{}[{}]", lk, i++), af));
-            (*out)[name] = std::move(acl);
+            for (auto it = rules.node.begin(); it != rules.node.end(); ++it, ++i) {
+               YAML::Node r = *it;
+               acl.rules.push_back(parseRule(
+                   {r, r.IsNull() ? rules.mark : r.Mark(), fmt::format("{}[{}]", rules.key, i)},
+                   af));
+            }
+            (*out)[l.name] = std::move(acl);
          }
       }
    }
 
-   AclRule parseRule(const YAML::Node& n, const std::string& k, AddressFamily af) {
-      checkMap(n, k, {"action", "source", "destination", "protocol"});
+   AclRule parseRule(const Val& n, AddressFamily af) {
+      if (!n.node.IsMap())
+         fail(n, fmt::format("expected a map, got {}", describe(n.node)));
+      auto f = fields(n, {"action", "source", "destination", "protocol"});
       AclRule r;
       r.source = *IpPrefix::parse("any", af);
       r.destination = r.source;
-      auto action = n["action"];
+      auto action = field(f, "action");
       if (!action)
-         fail(n, k + ".action", "a rule needs an action");
-      std::string a = text(action, k + ".action");
+         fail(n.mark, n.key + ".action", "a rule needs an action");
+      std::string a = text(*action);
       if (a == "permit") {
          r.action = AclAction::permit;
       } else if (a == "deny") {
          r.action = AclAction::deny;
       } else {
-         fail(action, k + ".action", fmt::format("expected permit or deny, got \"{}\"", a));
+         fail(*action, fmt::format("expected permit or deny, got {}", describe(action->node)));
       }
-      if (auto v = n["source"])
-         r.source = prefix(v, k + ".source", af);
-      if (auto v = n["destination"])
-         r.destination = prefix(v, k + ".destination", af);
-      if (auto v = n["protocol"]) {
-         static const std::map<std::string, uint8_t> names = {
-             {"icmp", 1}, {"tcp", 6}, {"udp", 17}, {"icmpv6", 58}};
-         std::string p = text(v, k + ".protocol");
-         if (p == "any") {
-            r.protocol.reset();
-         } else if (auto it = names.find(p); it != names.end()) {
-            r.protocol = it->second;
-         } else {
-            r.protocol = static_cast<uint8_t>(unsignedNum(v, k + ".protocol", 255));
-         }
-      }
+      if (auto v = field(f, "source"))
+         r.source = prefix(*v, af);
+      if (auto v = field(f, "destination"))
+         r.destination = prefix(*v, af);
+      if (auto v = field(f, "protocol"))
+         r.protocol = protocol(*v);
       return r;
    }
 
- private:
+   std::optional<uint8_t> protocol(const Val& v) {
+      const YAML::Node& n = v.node;
+      if (n.IsScalar() && n.Scalar() == "any")
+         return std::nullopt;
+      for (auto [name, number] : kProtocolNames) {
+         if (n.IsScalar() && n.Scalar() == name)
+            return number;
+      }
+      auto p = digits(n);
+      if (!p || *p > 255) {
+         fail(v, fmt::format("expected any, icmp, tcp, udp, icmpv6 or a number from 0 to 255, "
+                             "got {}",
+                             describe(n)));
+      }
+      return static_cast<uint8_t>(*p);
+   }
+
    std::string file_;
 };
 
 }  // namespace
 
 RavelConfig parseConfigText(const std::string& text, const std::string& fileName) {
-   YAML::Node root;
+   std::vector<YAML::Node> docs;
    try {
-      root = YAML::Load(text);
+      docs = YAML::LoadAll(text);
    } catch (const YAML::ParserException& e) {
-      throw ConfigError(fmt::format("{}:{}: {}", fileName, e.mark.line + 1, e.msg));
+      std::string where = fileName;
+      if (e.mark.line >= 0)
+         where += fmt::format(":{}", e.mark.line + 1);
+      throw ConfigError(oneLine(fmt::format("{}: YAML syntax error: {}", where, e.msg)));
    }
-   return Parser(fileName).parse(root);
+   Parser p(fileName);
+   // A second document would be ignored silently by a single-document read.
+   for (size_t i = 1; i < docs.size(); ++i) {
+      if (!docs[i].IsNull())
+         p.fail(docs[i].Mark(), "", "more than one YAML document");
+   }
+   return p.parse(docs.empty() ? YAML::Node() : docs[0]);
 }
 
 RavelConfig parseConfigFile(const std::string& path) {
-   std::ifstream in(path);
-   if (!in)
-      throw ConfigError(fmt::format("{}: cannot read the configuration file", path));
-   std::stringstream ss;
-   ss << in.rdbuf();
-   return parseConfigText(ss.str(), path);
+   auto error = [&](const char* what) {
+      return ConfigError(oneLine(fmt::format("{}: cannot read: {}", path, what)));
+   };
+   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+   if (fd < 0)
+      throw error(std::strerror(errno));
+   struct stat st {};
+   // A directory opens and reads as nothing, which would pass for an empty configuration.
+   if (::fstat(fd, &st) == 0 && !S_ISREG(st.st_mode)) {
+      ::close(fd);
+      throw error("not a regular file");
+   }
+   std::string text;
+   char buf[8192];
+   for (;;) {
+      ssize_t n = ::read(fd, buf, sizeof buf);
+      if (n < 0 && errno == EINTR)
+         continue;
+      if (n < 0) {
+         int err = errno;
+         ::close(fd);
+         throw error(std::strerror(err));
+      }
+      if (n == 0)
+         break;
+      text.append(buf, static_cast<size_t>(n));
+   }
+   ::close(fd);
+   return parseConfigText(text, path);
 }
+
+namespace {
+
+void emitTriState(YAML::Emitter& out, const TriState& t) {
+   if (t.isSet)
+      out << t.value;
+   else
+      out << YAML::Null;
+}
+
+void emitOptional(YAML::Emitter& out, const std::string& s) {
+   if (s.empty())
+      out << YAML::Null;
+   else
+      out << s;
+}
+
+std::string protocolText(const std::optional<uint8_t>& p) {
+   if (!p)
+      return "any";
+   for (auto [name, number] : kProtocolNames) {
+      if (number == *p)
+         return name;
+   }
+   return std::to_string(*p);
+}
+
+}  // namespace
 
 std::string renderConfig(const RavelConfig& c) {
    YAML::Emitter out;
    out << YAML::BeginMap;
+   const auto& p = c.probe;
    out << YAML::Key << "probe" << YAML::Value << YAML::BeginMap;
-   out << YAML::Key << "enabled" << YAML::Value << c.probe.enabled;
-   out << YAML::Key << "ifname" << YAML::Value << c.probe.ifname;
-   out << YAML::Key << "ifindex" << YAML::Value << c.probe.ifindex;
-   out << YAML::Key << "ifaddr" << YAML::Value << c.probe.ifaddr;
-   out << YAML::Key << "remote" << YAML::Value << c.probe.remote;
-   out << YAML::Key << "max-queue-length" << YAML::Value << c.probe.maxQueueLength;
+   out << YAML::Key << "enabled" << YAML::Value << p.enabled;
+   out << YAML::Key << "ifname" << YAML::Value << p.ifname;
+   out << YAML::Key << "ifindex" << YAML::Value << p.ifindex;
+   out << YAML::Key << "ifaddr" << YAML::Value << p.ifaddr;
+   out << YAML::Key << "remote" << YAML::Value << p.remote;
+   out << YAML::Key << "max-queue-length" << YAML::Value << p.maxQueueLength;
    out << YAML::EndMap;
+
    const auto& e = c.errorResponder;
    out << YAML::Key << "error-responder" << YAML::Value << YAML::BeginMap;
-   if (e.enabled.isSet)
-      out << YAML::Key << "enabled" << YAML::Value << e.enabled.value;
+   out << YAML::Key << "enabled" << YAML::Value;
+   emitTriState(out, e.enabled);
    out << YAML::Key << "add-host-name" << YAML::Value << e.addHostName;
    out << YAML::Key << "node-id-code-point" << YAML::Value << unsigned{e.nodeIdCodePoint};
    out << YAML::Key << "ring-buffer-size" << YAML::Value << e.ringBufferSize;
@@ -316,26 +459,23 @@ std::string renderConfig(const RavelConfig& c) {
    out << YAML::Key << "vrfs" << YAML::Value << YAML::BeginMap;
    for (auto& [name, v] : e.vrfs) {
       out << YAML::Key << name.str() << YAML::Value << YAML::BeginMap;
-      if (v.enabled.isSet)
-         out << YAML::Key << "enabled" << YAML::Value << v.enabled.value;
-      if (!v.ipv4Acl.empty())
-         out << YAML::Key << "ipv4-acl" << YAML::Value << v.ipv4Acl;
-      if (!v.ipv6Acl.empty())
-         out << YAML::Key << "ipv6-acl" << YAML::Value << v.ipv6Acl;
-      if (!(v.nodeId == ErrorResponder::NodeIdVrfConfig{})) {
-         out << YAML::Key << "node-id" << YAML::Value << YAML::BeginMap;
-         if (v.nodeId.ipv4.isV4())
-            out << YAML::Key << "ipv4" << YAML::Value << v.nodeId.ipv4.str();
-         if (v.nodeId.ipv6.isV6())
-            out << YAML::Key << "ipv6" << YAML::Value << v.nodeId.ipv6.str();
-         if (!v.nodeId.interface.empty()) {
-            out << YAML::Key << "interface" << YAML::Value << v.nodeId.interface.str();
-         }
-         out << YAML::EndMap;
-      }
-      out << YAML::EndMap;
+      out << YAML::Key << "enabled" << YAML::Value;
+      emitTriState(out, v.enabled);
+      out << YAML::Key << "ipv4-acl" << YAML::Value;
+      emitOptional(out, v.ipv4Acl);
+      out << YAML::Key << "ipv6-acl" << YAML::Value;
+      emitOptional(out, v.ipv6Acl);
+      out << YAML::Key << "node-id" << YAML::Value << YAML::Flow << YAML::BeginMap;
+      out << YAML::Key << "ipv4" << YAML::Value;
+      emitOptional(out, v.nodeId.ipv4.str());
+      out << YAML::Key << "ipv6" << YAML::Value;
+      emitOptional(out, v.nodeId.ipv6.str());
+      out << YAML::Key << "interface" << YAML::Value;
+      emitOptional(out, v.nodeId.interface.str());
+      out << YAML::EndMap << YAML::EndMap;
    }
    out << YAML::EndMap << YAML::EndMap;
+
    out << YAML::Key << "acls" << YAML::Value << YAML::BeginMap;
    for (auto [fam, lists] : {std::pair{"ipv4", &c.ipv4Acls}, std::pair{"ipv6", &c.ipv6Acls}}) {
       out << YAML::Key << fam << YAML::Value << YAML::BeginMap;
@@ -346,8 +486,7 @@ std::string renderConfig(const RavelConfig& c) {
             out << YAML::Key << "action" << YAML::Value << toString(r.action);
             out << YAML::Key << "source" << YAML::Value << r.source.str();
             out << YAML::Key << "destination" << YAML::Value << r.destination.str();
-            out << YAML::Key << "protocol" << YAML::Value
-                << (r.protocol ? std::to_string(*r.protocol) : std::string("any"));
+            out << YAML::Key << "protocol" << YAML::Value << protocolText(r.protocol);
             out << YAML::EndMap;
          }
          out << YAML::EndSeq;

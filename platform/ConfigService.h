@@ -3,32 +3,39 @@
 #include <memory>
 #include <string>
 
+#include "platform/Acl.h"
 #include "platform/ConfigFile.h"
 #include "platform/EntityManager.h"
+#include "platform/ErrorResponderSchema.h"
+#include "platform/ProbeSchema.h"
 #include "platform/Scheduler.h"
 
 namespace Ravel {
 
 // Applies the configuration file to the state store and keeps it applied: on reload() (the
-// daemon calls it on SIGHUP) and whenever the file is written or replaced. Only what changed
-// is written, so only the affected reactors run. A bad file never touches the running
-// configuration.
+// daemon calls it on SIGHUP) and whenever the file is written or renamed into place. Only what
+// changed is written, so only the affected reactors run. A bad file never touches the running
+// configuration. The file's directory is watched, not the file: editors replace files by
+// rename. A symbolic link's target is not watched; reload() covers that case.
 class ConfigService {
  public:
-   // Empty path: no file, everything stays off. Otherwise the first load throws ConfigError.
+   // Mounts (or reuses) the entities it writes. Empty path: no file, everything stays off.
+   // Otherwise the first load throws ConfigError, a missing file included.
    ConfigService(Scheduler& sched, Ptr<EntityManager> em, std::string path);
    ~ConfigService();
+   ConfigService(const ConfigService&) = delete;
+   ConfigService& operator=(const ConfigService&) = delete;
 
-   // Re-reads the file; returns false (and keeps the old configuration) on an error.
+   // Re-reads the file. On an error: traces the one-line message, keeps it in lastError(),
+   // keeps the running configuration and returns false.
    bool reload();
    const RavelConfig& config() const { return config_; }
-   const std::string& lastError() const { return lastError_; }
+   std::string renderConfig() const;  // the configuration in effect, defaults included
+   const std::string& lastError() const { return lastError_; }  // empty after a good load
    const std::string& path() const { return path_; }
 
-   // Writes `c` into the entities, changing only what differs.
-   void apply(const RavelConfig& c);
-
  private:
+   void apply(const RavelConfig& c);
    void watchFile();
    void handleFileEvent();
 
@@ -37,6 +44,11 @@ class ConfigService {
    std::string path_;
    RavelConfig config_;
    std::string lastError_;
+   Ptr<ProbeResponder::Config> probe_;
+   Ptr<ErrorResponder::Config> errorResponder_;
+   Ptr<ErrorResponder::EbpfConfig> ebpf_;
+   Ptr<AclConfig> aclCli_;
+   Ptr<AclInput> aclInput_;
    int inotifyFd_ = -1;
    std::unique_ptr<FdTask> watchTask_;
 };

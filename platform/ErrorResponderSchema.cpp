@@ -1,11 +1,20 @@
 #include "platform/ErrorResponderSchema.h"
 
+#include <ostream>
+
 namespace Ravel::ErrorResponder {
 
+std::ostream& operator<<(std::ostream& os, const TriState& t) {
+   return os << t.str();
+}
+
 std::string NodeIdVrfConfig::str() const {
-   return fmt::format("ipv4 {} ipv6 {} interface {}", ipv4.str().empty() ? "-" : ipv4.str(),
-                      ipv6.str().empty() ? "-" : ipv6.str(),
-                      interface.empty() ? "-" : interface.str());
+   return fmt::format("ipv4 {} ipv6 {} interface {}", ipv4.isV4() ? ipv4.str() : "-",
+                      ipv6.isV6() ? ipv6.str() : "-", interface.empty() ? "-" : interface.str());
+}
+
+std::ostream& operator<<(std::ostream& os, const NodeIdVrfConfig& n) {
+   return os << n.str();
 }
 
 RAVEL_REGISTER_ENTITY(Config);

@@ -1,8 +1,10 @@
 #pragma once
 
-// Configuration and kernel-program parameters of the extended ICMP error responder.
+// Configuration and kernel-program parameters of the extended ICMP error responder
+// (RFC 4884 extension structures carrying RFC 5837 interface and node information).
 
 #include <cstdint>
+#include <iosfwd>
 #include <string>
 
 #include "platform/Entity.h"
@@ -10,7 +12,8 @@
 
 namespace Ravel::ErrorResponder {
 
-// A boolean that may be unset. "Disabled" means set and false; unset is not disabled.
+// A boolean that may be unset. "Disabled" means set and false: unset is not disabled, so a VRF
+// left unset follows the global setting and an unset global setting blocks nothing.
 struct TriState {
    bool value = false;
    bool isSet = false;
@@ -20,23 +23,25 @@ struct TriState {
    bool operator==(const TriState&) const = default;
    const char* str() const { return !isSet ? "unset" : value ? "true" : "false"; }
 };
+std::ostream& operator<<(std::ostream& os, const TriState& t);
 
-// The node identification object's contents for one VRF (RFC 5837 style: addresses and an
-// interface name); empty members are left out.
+// What the node identification object says for one VRF; empty members are left out of it.
 struct NodeIdVrfConfig {
    IpGenAddr ipv4;
    IpGenAddr ipv6;
    IntfId interface;
+   bool empty() const { return *this == NodeIdVrfConfig{}; }
    bool operator==(const NodeIdVrfConfig&) const = default;
    std::string str() const;
 };
+std::ostream& operator<<(std::ostream& os, const NodeIdVrfConfig& n);
 
 class VrfConfig : public Node {
  public:
    explicit VrfConfig(VrfName n) : vrfName(std::move(n)) {}
    const VrfName vrfName;
    Attr<TriState> enabled;
-   Attr<std::string> v4AclName;
+   Attr<std::string> v4AclName;  // empty: no list
    Attr<std::string> v6AclName;
    Attr<NodeIdVrfConfig> nodeIdConfig;
 };
@@ -47,7 +52,7 @@ class Config : public Entity {
  public:
    Attr<TriState> enabled;
    Attr<bool> addHostName;
-   Attr<uint8_t> nodeIdCodePoint;
+   Attr<uint8_t> nodeIdCodePoint;  // 0: no node identification object
    Collection<VrfName, Ptr<VrfConfig>> vrfConfig;
 };
 
@@ -58,11 +63,14 @@ class EbpfVrfConfigEntry : public Node {
    const NsInode nsInode;
 };
 
-// "icmp/errorResponder/ebpfConfig": enabled VRFs and their namespace inodes, both ways, and
-// the kernel programs' table sizes.
+// "icmp/errorResponder/ebpfConfig": the enabled VRFs and their namespace inodes, indexed both
+// ways, and the kernel programs' table sizes. Two writers, disjoint members: the agent writes
+// the two maps, the configuration only the sizes.
 class EbpfConfig : public Entity {
    RAVEL_ENTITY_TYPE(EbpfConfig, "Icmp::ErrorResponder::EbpfConfig")
  public:
+   // Keeps the existing entry when its inode is unchanged, so readers see no change. A new
+   // inode replaces the entry by name only: the caller moves the inode index itself.
    Ptr<EbpfVrfConfigEntry> entryIs(const VrfName& n, NsInode inode) {
       auto e = entry.get(n);
       if (!e || e->nsInode != inode) {
@@ -79,8 +87,11 @@ class EbpfConfig : public Entity {
 
    Collection<VrfName, Ptr<EbpfVrfConfigEntry>> entry;
    Collection<NsInode, Ptr<EbpfVrfConfigEntry>> entryByInode;
-   Attr<uint32_t> ringBufSz;
-   Attr<uint32_t> vrfMapSz;
+   Attr<uint32_t> ringBufSz;  // bytes; 0: the program's default
+   Attr<uint32_t> vrfMapSz;   // entries; 0: the program's default
 };
 
 }  // namespace Ravel::ErrorResponder
+
+RAVEL_STR_FORMATTER(Ravel::ErrorResponder::TriState);
+RAVEL_STR_FORMATTER(Ravel::ErrorResponder::NodeIdVrfConfig);

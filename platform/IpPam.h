@@ -26,11 +26,12 @@ struct PamCounters {
 // fills the ICMPv6 checksum.
 class IpPam : public Node {
  public:
-   // Option bits (optionsIs):
-   // The destination address of each received packet (IP_PKTINFO / IPV6_RECVPKTINFO), so a
-   // reply can be sent from the address the request was sent to.
+   // Option bits (optionsIs); either turns on IP_PKTINFO / IPV6_RECVPKTINFO.
+   // rxDstIpAddr() is the destination in each received packet's header (a broadcast or
+   // multicast address stays one), so a reply can come from the address the request was sent
+   // to; without the bit it is the empty address.
    static constexpr unsigned kOptRxDstAddr = 0x008;
-   // The arrival interface of each received packet (same control messages).
+   // rxIfIndex() is the arrival interface of each received packet; without the bit it is 0.
    static constexpr unsigned kOptRxIfIndex = 0x400;
 
    IpPam(std::string name, AddressFamily af, int protocol, std::string netNs)
@@ -49,7 +50,8 @@ class IpPam : public Node {
    virtual void enabledIs(bool enabled) = 0;
    bool enabled() const { return enabled_; }
 
-   // Published while enabled when packets are waiting to be read.
+   // Published while enabled when packets are waiting to be read, again on later passes while
+   // some still wait. What arrives while nobody observes may be dropped.
    const Notifier<>& readable() const { return readable_; }
    // The next received packet, or null when none is waiting.
    virtual Ptr<Pkt> rxPkt() = 0;

@@ -2,38 +2,50 @@
 
 // Fills the state store from the running kernel and keeps it live.
 //
-// VRFs: the default VRF is the daemon's own namespace; every namespace file "ns-<vrf>" in the
-// namespace directory is VRF <vrf> (watched with inotify; a file created by `ip netns add`
-// becomes a namespace only when it is mounted, so new files are re-checked for a short while).
-// VRF ids are stable for the process's life: default is 0, others are numbered as first seen.
+// VRFs: the default VRF is the daemon's own namespace; every file "ns-<vrf>" of the namespace
+// directory that is a mounted network namespace is VRF <vrf> (NetnsWatcher). Other files, names
+// longer than VrfName::kMaxLen and "ns-default" are ignored. "ip/vrf/status/local" holds the
+// non-default VRFs: active, with the inode of the namespace (nsfs, not of the file under the
+// mount). A namespace that goes, or is replaced by another one, takes with it everything that
+// came from it. VRF ids are stable for the process's life: default is 0, others are numbered as
+// first seen, and "vrf/vrfIdMapStatus" lists the VRFs present.
 //
-// Per namespace, links, addresses and neighbours come from rtnetlink (libnl cache managers whose
-// sockets are opened inside the namespace) and are published as:
+// Per namespace (NetlinkNamespace, NamespacePublisher):
 // - interfaces: the default VRF's devices keep their kernel names; a device of VRF red is
-//   "red/<dev>". Linux forbids '/' in device names, so names that collide across namespaces
-//   (every namespace has "lo") stay distinct;
-// - oper status up when the device is administratively up and has carrier (IFF_UP|IFF_RUNNING);
-// - "ip/status" entries for interfaces with an IPv4 address: primary = lowest non-secondary
-//   address, the rest secondary, ipv4Running true. "ip6/status" entries for interfaces with any
-//   IPv6 address, link-local included (Linux runs IPv6 on an interface exactly when it has
-//   one; disable_ipv6 removes them all), ipv6Running true;
-// - ARP/ND entries in states REACHABLE, STALE, DELAY, PROBE or PERMANENT (incomplete, failed
-//   and no-ARP entries are not neighbours one can vouch for);
-// - "kni/ns/<ns>/status" with <ns> "default" or the namespace file name ("ns-red").
+//   "red/<dev>" (Linux forbids '/' in device names, so names that collide across namespaces,
+//   like every namespace's "lo", stay distinct). Oper status is up when the device is up and
+//   has carrier (IFF_UP and IFF_RUNNING). "interface/ifIndex/all" is the default namespace's.
+// - "ip/status" has an entry exactly for the interfaces with an IPv4 address (ipv4Running is
+//   then true): primary is the first address the kernel lists (primaries before secondaries,
+//   narrower scope first, then in the order added), the others are secondary.
+// - "ip6/status" has an entry exactly for the interfaces with a usable IPv6 address, link-local
+//   included: Linux runs IPv6 on an interface exactly when it has one (disable_ipv6 removes them
+//   all), which is what RFC 8335 asks of "IPv6 running". Tentative addresses (DAD not done,
+//   not optimistic) and DAD failures are not usable and not listed.
+// - ARP/ND entries in states REACHABLE, STALE, DELAY, PROBE or PERMANENT with a link-layer
+//   address; incomplete, failed, none and no-ARP ones are not neighbours one can vouch for.
+//   Bridge FDB entries are not neighbours either.
+// - "kni/ns/<ns>/status": <ns> is "default" for the agent's own namespace and the namespace
+//   file's name ("ns-red") for the others; the entity is deleted with its namespace.
 
 #include <map>
 #include <memory>
-#include <set>
 #include <string>
 
 #include "platform/EntityManager.h"
 #include "platform/NetSchema.h"
+#include "platform/NetStatePublisher.h"
+#include "platform/NetlinkNamespace.h"
+#include "platform/NetnsWatcher.h"
 #include "platform/Scheduler.h"
 
 namespace Ravel {
 
 class LinuxStateProvider {
  public:
+   // Mounts (or reuses) the entities and publishes the current state before returning. Throws
+   // std::runtime_error when an entity path holds another type or the agent's own namespace
+   // cannot be read.
    LinuxStateProvider(Scheduler& sched, Ptr<EntityManager> em, std::string netnsDir);
    ~LinuxStateProvider();
    LinuxStateProvider(const LinuxStateProvider&) = delete;
@@ -41,47 +53,31 @@ class LinuxStateProvider {
 
    // Kernel namespace name of a VRF's published interfaces: "default" or "ns-<vrf>".
    static std::string kniName(const VrfName& vrf);
-   size_t namespaceCount() const { return namespaces_.size(); }
+   // Namespaces being read, the agent's own included.
+   size_t namespaceCount() const { return vrfs_.size(); }
 
  private:
-   struct Namespace;
+   struct Vrf {
+      NsInode inode = 0;
+      Ptr<KniNsStatus> kni;
+      std::unique_ptr<NamespacePublisher> publisher;
+      std::unique_ptr<NetlinkNamespace> netlink;
+   };
 
-   void scanDirectory();
-   void handleInotify();
-   std::unique_ptr<Namespace> openNamespace(const VrfName& vrf, const std::string& path,
-                                            NsInode inode);
-   void addNamespace(const VrfName& vrf, const std::string& path, NsInode inode);
-   void reloadNamespace(const VrfName& vrf);
-   void removeNamespace(const VrfName& vrf);
-   void markDirty(const VrfName& vrf);
-   void resync();
-   void publish(Namespace& ns);
-   void unpublish(Namespace& ns);
+   void netnsChanged(const NetnsFiles& files);
+   bool addVrf(const VrfName& vrf, const std::string& path, NsInode inode);
+   void removeVrf(const VrfName& vrf);
    VrfId vrfIdOf(const VrfName& vrf);
 
    Scheduler& sched_;
    Ptr<EntityManager> em_;
-   std::string netnsDir_;
-   Ptr<AllIntfStatusDir> intfs_;
-   Ptr<IfIndexStatus> ifIndex_;
-   Ptr<L3IntfStatusDir> l3_;
-   Ptr<IpStatus> ip_;
-   Ptr<Ip6Status> ip6_;
-   Ptr<AllVrfStatusLocal> vrfs_;
-   Ptr<ArpTableStatus> arp_;
+   NetStateEntities entities_;
+   Ptr<AllVrfStatusLocal> vrfStatus_;
    Ptr<VrfIdMapStatus> vrfIds_;
-   std::map<VrfName, std::unique_ptr<Namespace>> namespaces_;
-   std::map<VrfName, VrfId> ids_;
+   std::map<VrfName, VrfId> ids_;  // kept when a VRF goes, so that it comes back with its id
    VrfId nextId_ = 1;
-   std::set<VrfName> dirty_;
-   std::set<VrfName> stale_;
-   Task resyncTask_;
-   int inotifyFd_ = -1;
-   bool dirWatched_ = false;
-   std::unique_ptr<FdTask> inotifyTask_;
-   // Re-checks the directory while it is missing or a new file is not yet a namespace.
-   TimerTask rescanTimer_;
-   int pendingRescans_ = 0;
+   std::map<VrfName, std::unique_ptr<Vrf>> vrfs_;
+   std::unique_ptr<NetnsWatcher> watcher_;
 };
 
 }  // namespace Ravel

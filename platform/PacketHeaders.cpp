@@ -7,11 +7,17 @@
 namespace Ravel {
 
 namespace {
+
 IpGenAddr addrAt(std::span<const uint8_t> b, size_t at, size_t len) {
-   if (at + len > b.size())
+   if (len > b.size() || at > b.size() - len)
       return IpGenAddr();
    return IpGenAddr::fromBytes(b.subspan(at, len)).value_or(IpGenAddr());
 }
+
+std::span<const uint8_t> upTo(std::span<const uint8_t> b, size_t len) {
+   return b.first(std::min(len, b.size()));
+}
+
 }  // namespace
 
 IpGenAddr IpHdr::src() const {
@@ -28,22 +34,30 @@ IpGenAddr Ip6Hdr::dst() const {
 }
 
 uint16_t IcmpHdr::computedChecksum(uint16_t len) const {
-   return internetChecksum(b_.first(std::min<size_t>(len, b_.size())));
+   return internetChecksum(upTo(b_, len));
 }
 
 uint16_t Icmp6Hdr::computedChecksum(const IpGenAddr& src, const IpGenAddr& dst,
                                     uint32_t len) const {
-   uint8_t tail[8] = {
+   const uint8_t tail[8] = {
        uint8_t(len >> 24), uint8_t(len >> 16), uint8_t(len >> 8), uint8_t(len), 0, 0, 0, 58};
+   // Every piece but the message is of even length, so the chaining rule holds.
    uint32_t sum = checksumPartial(src.bytes());
    sum = checksumPartial(dst.bytes(), sum);
    sum = checksumPartial(tail, sum);
-   sum = checksumPartial(b_.first(std::min<size_t>(len, b_.size())), sum);
+   sum = checksumPartial(upTo(b_, len), sum);
    return checksumFold(sum);
 }
 
 uint16_t IcmpExtnHdr::computedChecksum(uint16_t len) const {
-   return internetChecksum(b_.first(std::min<size_t>(len, b_.size())));
+   return internetChecksum(upTo(b_, len));
+}
+
+std::span<const uint8_t> IcmpExtnObjHdr::body() const {
+   uint16_t len = length();
+   if (len <= kSize || b_.size() <= kSize)
+      return {};
+   return upTo(b_.subspan(kSize), len - kSize);
 }
 
 bool IcmpIntfIdIfName::valid() const {
@@ -58,18 +72,15 @@ std::string IcmpIntfIdIfName::ifName() const {
 }
 
 bool IcmpIntfIdAddress::valid() const {
-   if (size() < 4)
-      return false;
-   uint16_t afi = u16(0);
-   uint8_t len = u8(2);
-   bool ok = (afi == 1 && len == 4) || (afi == 2 && len == 16);
-   return ok && size() >= 4u + len;
+   uint8_t len = addrLength();
+   bool known = (afi() == kAfiIpv4 && len == 4) || (afi() == kAfiIpv6 && len == 16);
+   return known && size() >= 4u + len;
 }
 
 IpGenAddr IcmpIntfIdAddress::addr() const {
    if (!valid())
       return IpGenAddr();
-   return addrAt(b_, 4, u8(2));
+   return addrAt(b_, 4, addrLength());
 }
 
 }  // namespace Ravel

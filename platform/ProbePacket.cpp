@@ -1,75 +1,92 @@
 #include "platform/ProbePacket.h"
 
+#include <algorithm>
+
+#include "platform/Assert.h"
 #include "platform/Checksum.h"
 #include "platform/PacketHeaders.h"
 
 namespace Ravel {
 
 namespace {
-void put16(std::vector<uint8_t>& b, size_t at, uint16_t v) {
-   b[at] = static_cast<uint8_t>(v >> 8);
-   b[at + 1] = static_cast<uint8_t>(v);
+
+constexpr size_t kExtnAt = IcmpHdr::kSize;
+constexpr size_t kObjAt = kExtnAt + IcmpExtnHdr::kSize;
+constexpr size_t kBodyAt = kObjAt + IcmpExtnObjHdr::kSize;
+
+size_t bodyLength(const ProbeTarget& target) {
+   if (auto* name = std::get_if<std::string>(&target))
+      return (name->size() + 3) & ~size_t{3};  // NUL-padded to a 4-byte boundary
+   if (std::holds_alternative<uint32_t>(target))
+      return 4;
+   // IPv4 and IPv6 addresses end on a 4-byte boundary: no padding.
+   return 4 + std::get<IpGenAddr>(target).bytes().size();
 }
+
+// Writes the body into its zeroed place and returns the C-Type.
+uint8_t writeBody(std::span<uint8_t> body, const ProbeTarget& target) {
+   if (auto* name = std::get_if<std::string>(&target)) {
+      std::copy(name->begin(), name->end(), body.begin());
+      return 1;
+   }
+   if (auto* index = std::get_if<uint32_t>(&target)) {
+      store32(body, 0, *index);
+      return 2;
+   }
+   const IpGenAddr& a = std::get<IpGenAddr>(target);
+   uint16_t afi = a.isV4()   ? IcmpIntfIdAddress::kAfiIpv4
+                  : a.isV6() ? IcmpIntfIdAddress::kAfiIpv6
+                             : 0;
+   store16(body, 0, afi);
+   body[2] = static_cast<uint8_t>(a.bytes().size());
+   std::copy(a.bytes().begin(), a.bytes().end(), body.begin() + 4);
+   return 3;
+}
+
 }  // namespace
 
 std::vector<uint8_t> buildExtendedEchoRequest(AddressFamily af, uint16_t identifier, uint8_t seq,
                                               bool local, const ProbeTarget& target) {
-   bool v6 = af == AddressFamily::ipv6;
-   std::vector<uint8_t> m = {static_cast<uint8_t>(v6 ? 160 : 42),
-                             0,
-                             0,
-                             0,
-                             static_cast<uint8_t>(identifier >> 8),
-                             static_cast<uint8_t>(identifier),
-                             seq,
-                             static_cast<uint8_t>(local ? 1 : 0)};
-   // Extension header (version 2) and the object header; lengths and checksum filled below.
-   m.insert(m.end(), {0x20, 0, 0, 0, 0, 0, 3, 0});
-   uint8_t cType;
-   if (auto* name = std::get_if<std::string>(&target)) {
-      cType = 1;
-      m.insert(m.end(), name->begin(), name->end());
-      m.resize(m.size() + (4 - name->size() % 4) % 4, 0);
-   } else if (auto* index = std::get_if<uint32_t>(&target)) {
-      cType = 2;
-      m.insert(m.end(), {static_cast<uint8_t>(*index >> 24), static_cast<uint8_t>(*index >> 16),
-                         static_cast<uint8_t>(*index >> 8), static_cast<uint8_t>(*index)});
-   } else {
-      cType = 3;
-      const IpGenAddr& a = std::get<IpGenAddr>(target);
-      m.insert(m.end(), {0, static_cast<uint8_t>(a.isV4() ? 1 : 2),
-                         static_cast<uint8_t>(a.bytes().size()), 0});
-      m.insert(m.end(), a.bytes().begin(), a.bytes().end());
-   }
-   m[15] = cType;
-   put16(m, 12, static_cast<uint16_t>(m.size() - 12));
-   put16(m, 10, internetChecksum({m.data() + 8, m.size() - 8}));
-   if (!v6)
-      put16(m, 2, internetChecksum(m));
+   size_t objLength = IcmpExtnObjHdr::kSize + bodyLength(target);
+   RAVEL_ASSERT(objLength <= 0xffff);
+   std::vector<uint8_t> m(kObjAt + objLength, 0);
+   m[0] = af == AddressFamily::ipv6 ? kIcmp6ExtendedEchoRequest : kIcmpExtendedEchoRequest;
+   store16(m, 4, identifier);
+   m[6] = seq;
+   m[7] = local ? 1 : 0;
+   m[kExtnAt] = 2 << 4;  // RFC 4884 extension version 2
+   store16(m, kObjAt, static_cast<uint16_t>(objLength));
+   m[kObjAt + 2] = kIcmpExtnClassIntfId;
+   m[kObjAt + 3] = writeBody(std::span(m).subspan(kBodyAt), target);
+   store16(m, kExtnAt + 2, internetChecksum(std::span(m).subspan(kExtnAt)));
+   if (af != AddressFamily::ipv6)
+      store16(m, 2, internetChecksum(m));
    return m;
 }
 
 void fillIcmp6Checksum(std::span<uint8_t> msg, const IpGenAddr& src, const IpGenAddr& dst) {
    if (msg.size() < 4)
       return;
-   msg[2] = msg[3] = 0;
-   uint16_t sum = Icmp6Hdr(msg).computedChecksum(src, dst, static_cast<uint32_t>(msg.size()));
-   msg[2] = static_cast<uint8_t>(sum >> 8);
-   msg[3] = static_cast<uint8_t>(sum);
+   store16(msg, 2, 0);
+   store16(msg, 2, Icmp6Hdr(msg).computedChecksum(src, dst, static_cast<uint32_t>(msg.size())));
 }
 
 std::optional<ExtendedEchoReply> parseExtendedEchoReply(std::span<const uint8_t> icmp) {
-   if (icmp.size() < 8 || (icmp[0] != 43 && icmp[0] != 161))
+   IcmpHdr h(icmp);
+   if (h.size() < IcmpHdr::kSize ||
+       (h.type() != kIcmpExtendedEchoReply && h.type() != kIcmp6ExtendedEchoReply))
       return std::nullopt;
+   uint32_t rest = h.restOfHeader();
    ExtendedEchoReply r;
-   r.type = icmp[0];
-   r.code = icmp[1];
-   r.identifier = static_cast<uint16_t>(icmp[4] << 8 | icmp[5]);
-   r.seq = icmp[6];
-   r.state = icmp[7] >> 5;
-   r.active = icmp[7] & 0x04;
-   r.ipv4 = icmp[7] & 0x02;
-   r.ipv6 = icmp[7] & 0x01;
+   r.type = h.type();
+   r.code = h.code();
+   r.identifier = static_cast<uint16_t>(rest >> 16);
+   r.seq = static_cast<uint8_t>(rest >> 8);
+   // Byte 7: State (3 bits), reserved (2), A, 4, 6.
+   r.state = static_cast<uint8_t>((rest >> 5) & 0x7);
+   r.active = rest & 0x04;
+   r.ipv4 = rest & 0x02;
+   r.ipv6 = rest & 0x01;
    return r;
 }
 

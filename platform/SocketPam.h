@@ -1,24 +1,27 @@
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
-#include <vector>
 
 #include "platform/IpPam.h"
 #include "platform/Scheduler.h"
 
 namespace Ravel {
 
-// Raw IP socket opened inside a VRF's namespace. Receives through recvmsg with packet-info
-// control messages (the option bits), sends with sendmsg, and tells observers of readable()
-// from a level-triggered FdTask that is armed only while the PAM is enabled and observed:
-// with nobody reading, a readable socket would otherwise keep the scheduler spinning.
+// A raw IP socket opened inside a VRF's namespace; receives with recvmsg and packet-info
+// control messages (the option bits), sends with sendmsg.
+//
+// Filter race: a drop-all filter is attached right after socket() and the queue is then
+// drained, so what arrived before the owner's program is never read; filterProgramIs swaps
+// the program atomically (SO_ATTACH_FILTER replaces the old one).
+//
+// Readability: while enabled, a level-triggered FdTask watches the socket. With observers of
+// readable() it notifies them on every pass while packets wait; with none it reads and drops
+// what waits (rxDrops), so an unread socket cannot keep the scheduler spinning. Notifier has no
+// hook for observers coming and going, so the watch cannot follow them.
 class SocketPam : public IpPam {
  public:
-   // Opens the socket in `<netnsDir>/<namespaceName>` (the current namespace when the name is
-   // empty). Throws Errno (ENOENT when the namespace file is missing).
-   SocketPam(std::string name, AddressFamily af, int protocol, std::string namespaceName,
-             const std::string& netnsDir);
    ~SocketPam() override;
 
    void filterProgramIs(const SockFilterProgram& prog) override;
@@ -28,21 +31,39 @@ class SocketPam : public IpPam {
    void txPktIs(const Ptr<Pkt>& pkt) override;
    int fd() const { return fd_; }
 
- private:
-   void updateWatch();
+ protected:
+   // Throws Errno: ENOENT when `<netnsDir>/<namespaceName>` is missing.
+   SocketPam(std::string name, AddressFamily af, int protocol, std::string namespaceName,
+             const std::string& netnsDir);
 
+ private:
+   void handleReadable();
    int fd_ = -1;
    uint32_t appliedMark_ = 0;
    std::unique_ptr<FdTask> task_;
-   Subscription observerWatch_;
-   std::vector<uint8_t> rxBuf_;
 };
 
-using IpSocketPam = SocketPam;
-using Ip6SocketPam = SocketPam;
+// AF_INET: receives from the IPv4 header on, sends from the ICMP header on.
+class IpSocketPam final : public SocketPam {
+ public:
+   IpSocketPam(std::string name, int protocol, std::string namespaceName,
+               const std::string& netnsDir)
+       : SocketPam(std::move(name), AddressFamily::ipv4, protocol, std::move(namespaceName),
+                   netnsDir) {}
+};
 
-// Runs `fn` with the calling thread inside the namespace file `nsPath` (when not empty) and
-// always returns to the original namespace. Throws Errno (ENOENT for a missing file).
+// AF_INET6: receives and sends ICMPv6 messages; the kernel fills the checksum.
+class Ip6SocketPam final : public SocketPam {
+ public:
+   Ip6SocketPam(std::string name, int protocol, std::string namespaceName,
+                const std::string& netnsDir)
+       : SocketPam(std::move(name), AddressFamily::ipv6, protocol, std::move(namespaceName),
+                   netnsDir) {}
+};
+
+// Runs `fn` with the calling thread inside the namespace file `nsPath` (the current namespace
+// when empty) and always returns it to the agent's own namespace, also when `fn` throws.
+// Throws Errno (ENOENT for a missing file, EINVAL for one that is not a network namespace).
 void inNamespace(const std::string& nsPath, const std::function<void()>& fn);
 
 std::unique_ptr<PamFactory> makeSocketPamFactory(std::string netnsDir);

@@ -1,11 +1,12 @@
 #pragma once
 
-// Test doubles of the PAM and its factory: record what the code under test asks of them and
-// fail on demand.
+// Test doubles of the PAM and its factory: they record what the code under test asks of them
+// and fail on demand.
 
 #include <cerrno>
 #include <deque>
 #include <map>
+#include <span>
 #include <string>
 #include <utility>
 #include <vector>
@@ -26,11 +27,13 @@ class FakePam : public IpPam {
    struct Rx {
       Ptr<Pkt> pkt;
       IpGenAddr src, dst;
+      uint32_t ifIndex = 0;
    };
-   // Queues a packet and tells the observers, as the socket becoming readable would.
+   // Queues a packet and, unless told not to, tells the observers as a readable socket would.
+   // Unlike the socket, it notifies whether or not the PAM is enabled.
    void inject(std::span<const uint8_t> bytes, const IpGenAddr& src, const IpGenAddr& dst,
-               bool notify = true) {
-      rx.push_back({Pkt::fromBytes(bytes), src, dst});
+               bool notify = true, uint32_t ifIndex = 0) {
+      rx.push_back({Pkt::fromBytes(bytes), src, dst, ifIndex});
       if (notify)
          readable_.notify();
    }
@@ -41,22 +44,29 @@ class FakePam : public IpPam {
       rx.pop_front();
       rxSrc_ = r.src;
       rxDst_ = r.dst;
+      rxIfIndex_ = r.ifIndex;
       ++counters_.rxPkts;
       counters_.rxBytes += r.pkt->size();
       return r.pkt;
    }
 
+   // A sent packet with the transmit settings it went out with.
    struct Tx {
       std::vector<uint8_t> bytes;
       IpGenAddr src, dst;
+      int ttl = -1;
+      uint32_t mark = 0;
    };
+   // Records the packet unless nextTxErrno is set (then counts an error). Sends whether or not
+   // the PAM is enabled.
    void txPktIs(const Ptr<Pkt>& pkt) override {
       txErrno_ = nextTxErrno;
       if (txErrno_) {
          ++counters_.txErrors;
          return;
       }
-      tx.push_back({std::vector<uint8_t>(pkt->data(), pkt->data() + pkt->size()), txSrc_, txDst_});
+      tx.push_back({std::vector<uint8_t>(pkt->data(), pkt->data() + pkt->size()), txSrc_, txDst_,
+                    txTtl_, txMark_});
       ++counters_.txPkts;
       counters_.txBytes += pkt->size();
    }
@@ -69,7 +79,8 @@ class FakePam : public IpPam {
 
 class FakePamFactory : public PamFactory {
  public:
-   // The next `times` creations in namespace `ns` for family `af` throw Errno(err).
+   // The next `times` creations in namespace `ns` for family `af` throw Errno(err), with errno
+   // set to err as the real factory leaves it.
    void failNext(const std::string& ns, AddressFamily af, int err, int times = 1) {
       failures[{ns, af}] = {err, times};
    }
@@ -83,7 +94,9 @@ class FakePamFactory : public PamFactory {
       return create(name, AddressFamily::ipv6, protocol, ns);
    }
 
+   // Every PAM created, in order (the factory keeps a reference).
    std::vector<Ptr<FakePam>> created;
+   // (namespace, family) -> (errno, creations left to fail)
    std::map<std::pair<std::string, AddressFamily>, std::pair<int, int>> failures;
 
  private:
@@ -91,8 +104,9 @@ class FakePamFactory : public PamFactory {
                      const std::string& ns) {
       if (auto it = failures.find({ns, af}); it != failures.end() && it->second.second > 0) {
          --it->second.second;
+         Errno e(it->second.first, "fake PAM creation in " + ns);
          errno = it->second.first;
-         throw Errno(it->second.first, "fake PAM creation in " + ns);
+         throw e;
       }
       auto pam = make<FakePam>(name, af, protocol, ns);
       created.push_back(pam);
