@@ -3,9 +3,9 @@
 #include <cstdlib>
 
 #include "error/ErrorResponderAgent.h"
-#include "platform/FeatureToggle.h"
-#include "platform/Lumen.h"
-#include "platform/Trace.h"
+#include "platform/config/FeatureToggle.h"
+#include "platform/core/Lumen.h"
+#include "platform/core/Trace.h"
 #include "probe/ProbeResponderAgent.h"
 
 RAVEL_TRACE_CATEGORY("Ravel");

@@ -1,8 +1,8 @@
 #pragma once
 
 #include "pam/PamRecords.h"
-#include "platform/AgentFramework.h"
-#include "platform/NetSchema.h"
+#include "platform/agent/AgentFramework.h"
+#include "platform/store/NetSchema.h"
 
 namespace Ravel {
 

@@ -17,7 +17,7 @@
 #include <thread>
 #include <vector>
 
-#include "platform/ProbePacket.h"
+#include "wire/ProbePacket.h"
 
 using namespace Ravel;
 

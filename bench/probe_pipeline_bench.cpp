@@ -4,9 +4,9 @@
 
 #include <cstring>
 
-#include "platform/Checksum.h"
-#include "platform/ProbePacket.h"
+#include "platform/values/Checksum.h"
 #include "probe/ProbeResponderAgent.h"
+#include "wire/ProbePacket.h"
 
 namespace Ravel::ProbeResponder {
 

@@ -1,6 +1,6 @@
 #include "error/ErrorResponderAgent.h"
 
-#include "platform/Trace.h"
+#include "platform/core/Trace.h"
 
 RAVEL_TRACE_CATEGORY("ErrorResponderAgent");
 

@@ -1,8 +1,8 @@
 #pragma once
 
-#include "platform/Entity.h"
-#include "platform/IpPam.h"
-#include "platform/Values.h"
+#include "platform/linux/IpPam.h"
+#include "platform/store/Entity.h"
+#include "platform/values/Values.h"
 
 namespace Ravel {
 

@@ -3,9 +3,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "platform/Assert.h"
-#include "platform/Errno.h"
-#include "platform/Trace.h"
+#include "platform/core/Assert.h"
+#include "platform/core/Errno.h"
+#include "platform/core/Trace.h"
 
 RAVEL_TRACE_CATEGORY("PamSm");
 

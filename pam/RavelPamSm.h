@@ -7,8 +7,8 @@
 #include <vector>
 
 #include "pam/PamRecords.h"
-#include "platform/NetSchema.h"
-#include "platform/Scheduler.h"
+#include "platform/core/Scheduler.h"
+#include "platform/store/NetSchema.h"
 
 namespace Ravel {
 

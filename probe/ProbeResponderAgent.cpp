@@ -2,10 +2,10 @@
 
 #include <cstring>
 
-#include "platform/Assert.h"
-#include "platform/Checksum.h"
-#include "platform/PacketHeaders.h"
-#include "platform/Trace.h"
+#include "platform/core/Assert.h"
+#include "platform/core/Trace.h"
+#include "platform/values/Checksum.h"
+#include "platform/values/PacketHeaders.h"
 
 RAVEL_TRACE_CATEGORY("ProbeResponderAgent");
 

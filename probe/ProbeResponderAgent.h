@@ -4,10 +4,10 @@
 #include <memory>
 
 #include "agent/RavelCommon.h"
-#include "platform/IntfTables.h"
-#include "platform/ProbeSchema.h"
-#include "platform/Scheduler.h"
+#include "platform/core/Scheduler.h"
+#include "platform/store/IntfTables.h"
 #include "probe/ProbeResponderTypes.h"
+#include "probe/ProbeSchema.h"
 
 namespace Ravel::ProbeResponder {
 

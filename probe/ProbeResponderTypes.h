@@ -6,10 +6,10 @@
 #include <string_view>
 #include <variant>
 
-#include "platform/Entity.h"
-#include "platform/Pkt.h"
-#include "platform/ProbeSchema.h"
-#include "platform/Values.h"
+#include "platform/store/Entity.h"
+#include "platform/values/Pkt.h"
+#include "platform/values/Values.h"
+#include "probe/ProbeSchema.h"
 
 namespace Ravel::ProbeResponder {
 

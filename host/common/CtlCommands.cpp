@@ -6,7 +6,7 @@
 
 #include "host/common/Control.h"
 #include "host/common/ProbeClient.h"
-#include "platform/Lumen.h"
+#include "platform/core/Lumen.h"
 
 namespace Ravel::host {
 

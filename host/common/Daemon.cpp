@@ -15,8 +15,8 @@
 
 #include "host/common/Control.h"
 #include "host/common/HostCommands.h"
-#include "platform/SocketPam.h"
-#include "platform/Trace.h"
+#include "platform/core/Trace.h"
+#include "platform/linux/SocketPam.h"
 
 RAVEL_TRACE_CATEGORY("RavelDaemon");
 

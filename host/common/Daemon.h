@@ -5,11 +5,11 @@
 #include <string>
 #include <vector>
 
-#include "platform/AgentFramework.h"
-#include "platform/ConfigService.h"
-#include "platform/IpPam.h"
-#include "platform/LinuxStateProvider.h"
-#include "platform/Scheduler.h"
+#include "host/config/ConfigService.h"
+#include "platform/agent/AgentFramework.h"
+#include "platform/core/Scheduler.h"
+#include "platform/linux/IpPam.h"
+#include "platform/linux/LinuxStateProvider.h"
 
 namespace Ravel::host {
 

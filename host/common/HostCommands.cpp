@@ -8,8 +8,8 @@
 #include <nlohmann/json.hpp>
 
 #include "host/common/Daemon.h"
-#include "platform/NetSchema.h"
-#include "platform/ProbeSchema.h"
+#include "platform/store/NetSchema.h"
+#include "probe/ProbeSchema.h"
 
 namespace Ravel::host {
 

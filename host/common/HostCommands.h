@@ -4,7 +4,7 @@
 #include <map>
 #include <string>
 
-#include "platform/AgentFramework.h"
+#include "platform/agent/AgentFramework.h"
 
 namespace Ravel::host {
 

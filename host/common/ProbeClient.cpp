@@ -16,7 +16,7 @@
 #include <fmt/format.h>
 
 #include "host/common/CtlCommands.h"
-#include "platform/ProbePacket.h"
+#include "wire/ProbePacket.h"
 
 namespace Ravel::host {
 

@@ -21,10 +21,10 @@
 #include <vector>
 
 #include "pam/RavelPamSm.h"
-#include "platform/Checksum.h"
-#include "platform/Errno.h"
-#include "platform/ProbePacket.h"
-#include "platform/SocketPam.h"
+#include "platform/core/Errno.h"
+#include "platform/linux/SocketPam.h"
+#include "platform/values/Checksum.h"
+#include "wire/ProbePacket.h"
 
 namespace Ravel {
 namespace {

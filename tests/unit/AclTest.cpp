@@ -3,7 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/Acl.h"
+#include "platform/store/Acl.h"
 
 namespace Ravel {
 namespace {

@@ -9,7 +9,7 @@
 
 #include "agent/RavelAgent.h"
 #include "error/ErrorResponderAgent.h"
-#include "platform/Lumen.h"
+#include "platform/core/Lumen.h"
 #include "probe/ProbeResponderAgent.h"
 #include "tests/unit/FakePam.h"
 

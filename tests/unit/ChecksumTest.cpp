@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/Checksum.h"
+#include "platform/values/Checksum.h"
 
 namespace Ravel {
 namespace {

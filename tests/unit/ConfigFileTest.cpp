@@ -8,7 +8,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/ConfigFile.h"
+#include "host/config/ConfigFile.h"
 
 namespace Ravel {
 namespace {

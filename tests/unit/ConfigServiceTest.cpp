@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include "platform/ConfigService.h"
+#include "host/config/ConfigService.h"
 
 namespace Ravel {
 namespace {

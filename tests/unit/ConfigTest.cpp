@@ -4,11 +4,11 @@
 #include <fstream>
 #include <string>
 
-#include "platform/Acl.h"
-#include "platform/ConfigFile.h"
-#include "platform/ConfigService.h"
-#include "platform/ErrorResponderSchema.h"
-#include "platform/ProbeSchema.h"
+#include "error/ErrorResponderSchema.h"
+#include "host/config/ConfigFile.h"
+#include "host/config/ConfigService.h"
+#include "platform/store/Acl.h"
+#include "probe/ProbeSchema.h"
 
 namespace Ravel {
 namespace {

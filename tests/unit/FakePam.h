@@ -11,8 +11,8 @@
 #include <utility>
 #include <vector>
 
-#include "platform/Errno.h"
-#include "platform/IpPam.h"
+#include "platform/core/Errno.h"
+#include "platform/linux/IpPam.h"
 
 namespace Ravel::testing {
 

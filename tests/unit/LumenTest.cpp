@@ -15,7 +15,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/Lumen.h"
+#include "platform/core/Lumen.h"
 
 namespace Ravel {
 namespace {

@@ -1,7 +1,7 @@
 #include <gtest/gtest.h>
 
-#include "platform/Entity.h"
-#include "platform/Notifier.h"
+#include "platform/core/Notifier.h"
+#include "platform/store/Entity.h"
 
 namespace Ravel {
 namespace {

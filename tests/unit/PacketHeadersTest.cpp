@@ -4,8 +4,8 @@
 #include <string>
 #include <vector>
 
-#include "platform/PacketHeaders.h"
-#include "platform/Pkt.h"
+#include "platform/values/PacketHeaders.h"
+#include "platform/values/Pkt.h"
 
 namespace Ravel {
 namespace {

@@ -3,9 +3,9 @@
 #include <string>
 #include <vector>
 
-#include "platform/Checksum.h"
-#include "platform/PacketHeaders.h"
-#include "platform/ProbePacket.h"
+#include "platform/values/Checksum.h"
+#include "platform/values/PacketHeaders.h"
+#include "wire/ProbePacket.h"
 
 namespace Ravel {
 namespace {

@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
-#include "platform/Checksum.h"
-#include "platform/PacketHeaders.h"
-#include "platform/ProbePacket.h"
+#include "platform/values/Checksum.h"
+#include "platform/values/PacketHeaders.h"
+#include "wire/ProbePacket.h"
 
 namespace Ravel {
 namespace {

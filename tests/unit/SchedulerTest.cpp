@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/Scheduler.h"
+#include "platform/core/Scheduler.h"
 
 namespace Ravel {
 namespace {

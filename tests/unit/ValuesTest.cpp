@@ -2,9 +2,9 @@
 
 #include <string>
 
-#include "platform/IntfTables.h"
-#include "platform/Trace.h"
-#include "platform/Values.h"
+#include "platform/core/Trace.h"
+#include "platform/store/IntfTables.h"
+#include "platform/values/Values.h"
 
 namespace Ravel {
 namespace {

@@ -1,0 +1,74 @@
+#pragma once
+
+// Configuration and counters of the RFC 8335 probe responder.
+
+#include <cstdint>
+#include <map>
+
+#include "platform/store/Entity.h"
+
+namespace Ravel::ProbeResponder {
+
+// "icmp/probe/config". Off unless configured (RFC 8335 section 6).
+class Config : public Entity {
+   RAVEL_ENTITY_TYPE(Config, "Icmp::Probe::Config")
+ public:
+   Attr<bool> enabled;
+   Attr<bool> ifname;
+   Attr<bool> ifindex;
+   Attr<bool> ifaddr;
+   Attr<bool> remote;
+   Attr<uint32_t> maxQueueLength{1024};
+};
+
+// clang-format off
+#define RAVEL_PROBE_COUNTERS(X) \
+   X(requestsReceived) \
+   X(queueTooLong) \
+   X(pktTooShort) \
+   X(unknownAf) \
+   X(incorrectIcmpType) \
+   X(incorrectIcmpChecksum) \
+   X(badExtensionHeader) \
+   X(incorrectExtensionChecksum) \
+   X(badExtensionObject) \
+   X(requestTypeNotAllowed) \
+   X(remoteRequestMalformed) \
+   X(interfaceLookupFailed) \
+   X(wrongVrfRequested) \
+   X(responsesSent) \
+   X(noTxPam) \
+   X(txErrors)
+// clang-format on
+
+// "icmp/probe/status". Plain counters: nobody reacts to them, readers poll.
+class Status : public Entity {
+   RAVEL_ENTITY_TYPE(Status, "Icmp::Probe::Status")
+ public:
+   // clang-format off
+#define RAVEL_PROBE_COUNTER_FIELD(name) \
+   uint64_t name = 0; \
+   void name##Inc(uint64_t n) { name += n; }
+   RAVEL_PROBE_COUNTERS(RAVEL_PROBE_COUNTER_FIELD)
+#undef RAVEL_PROBE_COUNTER_FIELD
+   // clang-format on
+
+   std::map<uint8_t, uint64_t> codeCount;
+   void codeCountInc(uint8_t code, uint64_t n) {
+      codeCount[code] += n;
+   }
+   int32_t lastTxErrno = 0;
+   void lastTxErrnoIs(int32_t e) {
+      lastTxErrno = e;
+   }
+
+   void clear() {
+#define RAVEL_PROBE_COUNTER_CLEAR(name) name = 0;
+      RAVEL_PROBE_COUNTERS(RAVEL_PROBE_COUNTER_CLEAR)
+#undef RAVEL_PROBE_COUNTER_CLEAR
+      codeCount.clear();
+      lastTxErrno = 0;
+   }
+};
+
+}  // namespace Ravel::ProbeResponder
