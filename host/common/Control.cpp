@@ -15,6 +15,8 @@
 
 #include <fmt/format.h>
 
+#include "platform/core/Fd.h"
+
 namespace Ravel::host {
 
 namespace {
@@ -29,21 +31,6 @@ sockaddr_un unixAddr(const std::string& path) {
    return sa;
 }
 
-class Fd {
- public:
-   explicit Fd(int fd) : fd_(fd) {}
-   ~Fd() {
-      if (fd_ >= 0)
-         ::close(fd_);
-   }
-   Fd(const Fd&) = delete;
-   Fd& operator=(const Fd&) = delete;
-   int get() const { return fd_; }
-   int release() { return std::exchange(fd_, -1); }
-
- private:
-   int fd_;
-};
 
 int msUntil(double deadlineMs, double nowMs) {
    return deadlineMs > nowMs ? static_cast<int>(deadlineMs - nowMs) : 0;

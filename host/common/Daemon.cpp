@@ -2,10 +2,13 @@
 
 #include <dlfcn.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 #include <filesystem>
@@ -89,12 +92,12 @@ void Daemon::start() {
    sigaddset(&set, SIGINT);
    sigaddset(&set, SIGHUP);
    sigprocmask(SIG_BLOCK, &set, nullptr);
-   signalFd_ = signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC);
-   if (signalFd_ < 0)
+   signalFd_.reset(signalfd(-1, &set, SFD_NONBLOCK | SFD_CLOEXEC));
+   if (!signalFd_)
       throw std::runtime_error(fmt::format("signalfd: {}", std::strerror(errno)));
    signal(SIGPIPE, SIG_IGN);
 
-   listenFd_ = controlListen(opts_.socketPath);
+   listenFd_.reset(controlListen(opts_.socketPath));
    // Configuration first: a bad file stops start-up before anything else is touched.
    config_ = std::make_unique<ConfigService>(*scheduler_, em_, opts_.configFile);
    // The kernel's state is in the store before the agent mounts it.
@@ -105,10 +108,10 @@ void Daemon::start() {
    commands_->callbackIs(make<ShowCallback>(*this));
    loadAgent();
 
-   signalTask_ = std::make_unique<FdTask>(*scheduler_, "RavelSignals", 1, signalFd_,
+   signalTask_ = std::make_unique<FdTask>(*scheduler_, "RavelSignals", 1, signalFd_.get(),
                                           [this] { handleSignal(); });
    signalTask_->taskWatchReadableIs(true);
-   controlTask_ = std::make_unique<FdTask>(*scheduler_, "RavelControl", 2, listenFd_,
+   controlTask_ = std::make_unique<FdTask>(*scheduler_, "RavelControl", 2, listenFd_.get(),
                                            [this] { handleControl(); });
    reaper_ =
        std::make_unique<Task>(*scheduler_, "RavelControlReaper", 2, [this] { reapClients(); });
@@ -146,8 +149,6 @@ int Daemon::run() {
 void Daemon::stop() {
    controlTask_.reset();
    signalTask_.reset();
-   for (auto& [fd, c] : clients_)
-      ::close(fd);
    clients_.clear();
    reaper_.reset();
    // The agent tears itself down in its destructor; it must go before the store and tasks.
@@ -164,34 +165,68 @@ void Daemon::stop() {
       // Keep the library mapped: objects it created may still be referenced from the store.
       agentHandle_ = nullptr;
    }
-   if (listenFd_ >= 0) {
-      ::close(listenFd_);
+   if (listenFd_) {
+      listenFd_.reset();
       ::unlink(opts_.socketPath.c_str());
-      listenFd_ = -1;
    }
-   if (signalFd_ >= 0) {
-      ::close(signalFd_);
-      signalFd_ = -1;
-   }
+   signalFd_.reset();
 }
 
-// Each client is read without blocking, so one that connects and says nothing holds up no
-// one; a client silent for kClientTimeout is dropped. Replies are written on the scheduler
-// thread: a client that stops reading may stall the daemon for at most SO_SNDTIMEO.
+// A control client: one request line in, the reply out. Nothing on the scheduler thread waits
+// for a client: requests are read and replies written as the socket allows, a client that makes
+// no progress for kClientTimeout is dropped, and so is one whose unsent reply passes the cap.
+struct ControlClient {
+   Fd fd;
+   std::string request;
+   std::string reply;
+   size_t sent = 0;
+   bool replying = false;
+   bool done = false;
+   std::unique_ptr<FdTask> task;
+   std::unique_ptr<TimerTask> timeout;
+};
+
+namespace {
+constexpr size_t kMaxRequest = 64 * 1024;
+constexpr size_t kMaxReply = 64 * 1024 * 1024;
+
+// Commands write their replies to a descriptor; this one is memory, so they never block.
+std::string runCommand(AgentCommandRequestDirSm& commands, const std::string& request) {
+   Fd mem(::memfd_create("ravel-reply", MFD_CLOEXEC));
+   if (!mem)
+      return fmt::format("error: {}\n", std::strerror(errno));
+   try {
+      commands.dispatch(mem.get(), request);
+   } catch (const std::exception& e) {
+      // A failing command must not take the daemon down.
+      TRACE(0, "command \"{}\" failed: {}", request, e.what());
+      return fmt::format("error: {}\n", e.what());
+   }
+   struct stat st {};
+   ::fstat(mem.get(), &st);
+   std::string out(static_cast<size_t>(st.st_size), '\0');
+   ssize_t n = ::pread(mem.get(), out.data(), out.size(), 0);
+   out.resize(n > 0 ? static_cast<size_t>(n) : 0);
+   return out;
+}
+}  // namespace
+
 void Daemon::handleControl() {
    for (;;) {
-      int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
+      int fd = ::accept4(listenFd_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
       if (fd < 0)
          return;
-      timeval tv{2, 0};
-      ::setsockopt(fd, SOL_SOCKET, SO_SNDTIMEO, &tv, sizeof tv);
       auto client = std::make_unique<ControlClient>();
-      client->fd = fd;
+      client->fd.reset(fd);
       client->task = std::make_unique<FdTask>(*scheduler_, "RavelControlClient", 2, fd,
                                               [this, fd] { handleClient(fd); });
       client->task->taskWatchReadableIs(true);
       client->timeout = std::make_unique<TimerTask>(*scheduler_, "RavelControlTimeout", 2,
-                                                    [this, fd] { finishClient(fd); });
+                                                    [this, fd] {
+                                                       TRACE(1, "control client {}: no progress",
+                                                             fd);
+                                                       finishClient(fd);
+                                                    });
       client->timeout->scheduleTaskDelay(kClientTimeout);
       clients_[fd] = std::move(client);
    }
@@ -202,14 +237,28 @@ void Daemon::handleClient(int fd) {
    if (it == clients_.end() || it->second->done)
       return;
    ControlClient& c = *it->second;
+   if (c.replying)
+      writeReply(c);
+   else
+      readRequest(c);
+}
+
+void Daemon::readRequest(ControlClient& c) {
    char buf[4096];
    bool eof = false;
+   bool tooLong = false;
    for (;;) {
-      ssize_t n = ::recv(fd, buf, sizeof buf, MSG_DONTWAIT);
+      // Never past the cap: the rest of an oversized request is not read at all.
+      size_t room = kMaxRequest + 1 - c.request.size();
+      ssize_t n = ::recv(c.fd.get(), buf, std::min(sizeof buf, room), 0);
       if (n > 0) {
          c.request.append(buf, static_cast<size_t>(n));
-         if (c.request.size() > 65536)
-            eof = true;
+         if (c.request.find('\n') != std::string::npos)
+            break;
+         if (c.request.size() > kMaxRequest) {
+            tooLong = true;
+            break;
+         }
          continue;
       }
       if (n == 0 || (errno != EAGAIN && errno != EWOULDBLOCK && errno != EINTR))
@@ -217,21 +266,46 @@ void Daemon::handleClient(int fd) {
       break;
    }
    auto nl = c.request.find('\n');
-   if (nl == std::string::npos && !eof)
+   if (tooLong) {
+      TRACE(1, "control client {}: request longer than {} bytes", c.fd.get(), kMaxRequest);
+      c.reply = fmt::format("error: request longer than {} bytes\n", kMaxRequest);
+   } else if (nl != std::string::npos || eof) {
+      std::string request = c.request.substr(0, nl);
+      if (!request.empty() && request.back() == '\r')
+         request.pop_back();
+      if (!request.empty())
+         c.reply = runCommand(*commands_, request);
+   } else {
+      c.timeout->scheduleTaskDelay(kClientTimeout);
       return;
-   std::string request = c.request.substr(0, nl);
-   if (!request.empty() && request.back() == '\r')
-      request.pop_back();
-   if (!request.empty()) {
-      try {
-         commands_->dispatch(fd, request);
-      } catch (const std::exception& e) {
-         // A failing command must not take the daemon down.
-         writeAll(fd, fmt::format("error: {}\n", e.what()));
-         TRACE(0, "command \"{}\" failed: {}", request, e.what());
-      }
    }
-   finishClient(fd);
+   c.request.clear();
+   if (c.reply.size() > kMaxReply) {
+      TRACE(1, "control client {}: reply of {} bytes over the {} byte cap; dropped", c.fd.get(),
+            c.reply.size(), kMaxReply);
+      finishClient(c.fd.get());
+      return;
+   }
+   c.replying = true;
+   c.task->taskWatchReadableIs(false);
+   c.task->taskWatchWritableIs(true);
+   writeReply(c);
+}
+
+void Daemon::writeReply(ControlClient& c) {
+   while (c.sent < c.reply.size()) {
+      ssize_t n =
+          ::send(c.fd.get(), c.reply.data() + c.sent, c.reply.size() - c.sent, MSG_NOSIGNAL);
+      if (n > 0) {
+         c.sent += static_cast<size_t>(n);
+         c.timeout->scheduleTaskDelay(kClientTimeout);
+         continue;
+      }
+      if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK || errno == EINTR))
+         return;
+      break;  // the client went away
+   }
+   finishClient(c.fd.get());
 }
 
 // Tasks cannot be destroyed from their own handlers: the client is closed by the reaper.
@@ -241,23 +315,18 @@ void Daemon::finishClient(int fd) {
       return;
    it->second->done = true;
    it->second->task->taskWatchReadableIs(false);
+   it->second->task->taskWatchWritableIs(false);
+   it->second->timeout->cancel();
    reaper_->scheduleTask();
 }
 
 void Daemon::reapClients() {
-   for (auto it = clients_.begin(); it != clients_.end();) {
-      if (it->second->done) {
-         ::close(it->first);
-         it = clients_.erase(it);
-      } else {
-         ++it;
-      }
-   }
+   std::erase_if(clients_, [](auto& entry) { return entry.second->done; });
 }
 
 void Daemon::handleSignal() {
    signalfd_siginfo si{};
-   while (::read(signalFd_, &si, sizeof si) == sizeof si) {
+   while (::read(signalFd_.get(), &si, sizeof si) == sizeof si) {
       if (si.ssi_signo == SIGHUP) {
          TRACE(3, "SIGHUP: reloading");
          if (config_)

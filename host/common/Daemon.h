@@ -7,6 +7,7 @@
 
 #include "host/config/ConfigService.h"
 #include "platform/agent/AgentFramework.h"
+#include "platform/core/Fd.h"
 #include "platform/core/Scheduler.h"
 #include "platform/linux/IpPam.h"
 #include "platform/linux/LinuxStateProvider.h"
@@ -23,6 +24,8 @@ struct DaemonOptions {
 
 // Parses argv; on a usage error throws std::invalid_argument with the message.
 DaemonOptions parseDaemonOptions(int argc, char** argv);
+
+struct ControlClient;
 
 // Hosts the agent plug-in: state store, scheduler loop, control socket, signals.
 class Daemon {
@@ -45,6 +48,8 @@ class Daemon {
    void loadAgent();
    void handleControl();
    void handleClient(int fd);
+   void readRequest(ControlClient& c);
+   void writeReply(ControlClient& c);
    void finishClient(int fd);
    void reapClients();
    void handleSignal();
@@ -60,17 +65,10 @@ class Daemon {
    Ptr<CAgent> framework_;
    Ptr<CAgent> agent_;
    void* agentHandle_ = nullptr;
-   int listenFd_ = -1;
-   int signalFd_ = -1;
+   Fd listenFd_;
+   Fd signalFd_;
    std::unique_ptr<FdTask> controlTask_;
    std::unique_ptr<FdTask> signalTask_;
-   struct ControlClient {
-      int fd = -1;
-      std::string request;
-      bool done = false;
-      std::unique_ptr<FdTask> task;
-      std::unique_ptr<TimerTask> timeout;
-   };
    static constexpr Seconds kClientTimeout = 5.0;
    std::map<int, std::unique_ptr<ControlClient>> clients_;
    std::unique_ptr<Task> reaper_;

@@ -85,7 +85,7 @@ FdTask::FdTask(Scheduler& sched, std::string name, int priority, int fd, Handler
 }
 
 FdTask::~FdTask() {
-   watch_ = oneShot_ = false;
+   watch_ = oneShot_ = watchWritable_ = false;
    updateEpoll();
 }
 
@@ -106,19 +106,25 @@ void FdTask::beforeRun() {
    }
 }
 
+void FdTask::taskWatchWritableIs(bool watch) {
+   watchWritable_ = watch;
+   updateEpoll();
+}
+
 void FdTask::updateEpoll() {
-   bool want = watch_ || oneShot_;
-   if (want == inEpoll_)
+   uint32_t want = (watch_ || oneShot_ ? uint32_t{EPOLLIN} : 0u) |
+                   (watchWritable_ ? uint32_t{EPOLLOUT} : 0u);
+   if (want == events_)
       return;
    epoll_event ev{};
-   ev.events = EPOLLIN;
+   ev.events = want;
    ev.data.ptr = this;
-   int op = want ? EPOLL_CTL_ADD : EPOLL_CTL_DEL;
+   int op = !want ? EPOLL_CTL_DEL : events_ ? EPOLL_CTL_MOD : EPOLL_CTL_ADD;
    if (epoll_ctl(scheduler().epollFd_, op, fd_, &ev) != 0) {
       // A closed descriptor leaves epoll by itself; anything else is a bug of the caller.
       RAVEL_ASSERT_MSG(!want, "epoll_ctl add failed");
    }
-   inEpoll_ = want;
+   events_ = want;
 }
 
 Scheduler::Scheduler(std::shared_ptr<Clock> clock) : clock_(std::move(clock)) {

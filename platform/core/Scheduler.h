@@ -90,6 +90,8 @@ class FdTask : public TaskBase {
    void scheduleTaskReadable();
    void taskWatchReadableIs(bool watch);
    bool taskWatchReadable() const { return watch_; }
+   // Runs the handler while the descriptor is writable (level-triggered, like reading).
+   void taskWatchWritableIs(bool watch);
 
  private:
    friend class Scheduler;
@@ -98,7 +100,8 @@ class FdTask : public TaskBase {
    int fd_;
    bool watch_ = false;
    bool oneShot_ = false;
-   bool inEpoll_ = false;
+   bool watchWritable_ = false;
+   uint32_t events_ = 0;  // as registered with epoll
 };
 
 // Single-threaded cooperative scheduler on epoll. Everything of the agent runs inside its loop.

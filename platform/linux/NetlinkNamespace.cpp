@@ -1,5 +1,7 @@
 #include "platform/linux/NetlinkNamespace.h"
 
+#include "platform/core/Fd.h"
+
 #include <fcntl.h>
 #include <netlink/cache.h>
 #include <netlink/netlink.h>
@@ -28,20 +30,6 @@ namespace {
 constexpr int kTaskPriority = 2;
 constexpr Seconds kReloadRetry = 1.0;
 
-class Fd {
- public:
-   explicit Fd(int fd) : fd_(fd) {}
-   ~Fd() {
-      if (fd_ >= 0)
-         ::close(fd_);
-   }
-   Fd(const Fd&) = delete;
-   Fd& operator=(const Fd&) = delete;
-   int get() const { return fd_; }
-
- private:
-   int fd_;
-};
 
 // Keeps the calling thread in another network namespace for its lifetime.
 class EnteredNetns {
