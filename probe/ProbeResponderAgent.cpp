@@ -101,6 +101,7 @@ void PamInputReactor::handlePamReadable() {
       entry->src = pam_->rxSrcIpAddr();
       entry->dst = pam_->rxDstIpAddr();
       entry->vrf = key_.vrf;
+      entry->rxIfIndex = pam_->rxIfIndex();
       TRACE(6, "Received packet {}->{} in vrf {}", entry->src, entry->dst, entry->vrf);
       TRACE(8, "Received packet {} {}->{} in vrf {}", pkt->size(), entry->src, entry->dst,
             entry->vrf);
@@ -612,6 +613,8 @@ void RootSm::processSendQueue() {
       } else {
          pam->txSrcIpAddrIs(entry->dst);
          pam->txDstIpAddrIs(entry->src);
+         // Out of the arrival interface: a link-local source is only valid there.
+         pam->txIfIndexIs(entry->rxIfIndex);
          pam->txPktIs(entry->pkt);
          TRACE(6, "Sent packet {}->{} in vrf {}", entry->dst, entry->src, entry->vrf);
          TRACE(8, "Sent packet {} {}->{} in vrf {}", entry->pkt->size(), entry->dst, entry->src,

@@ -58,6 +58,7 @@ class QueueEntry : public Node {
    IpGenAddr dst;
    Ptr<Pkt> pkt;
    VrfName vrf;
+   uint32_t rxIfIndex = 0;  // arrival interface; the reply leaves through it (0: unknown)
 };
 
 // Input (received) and output (replies) FIFOs. Enqueueing notifies; the queues have no limit

@@ -168,7 +168,9 @@ struct ProbeTest : ::testing::Test {
       (a.isV4() ? arp->arp : arp->nd).is({vrfId, a, IntfId(dev)}, {"02:00:00:00:00:01"});
    }
 
-   // Sends one request through the PAM; returns the reply's ICMP bytes, or empty.
+   static constexpr uint32_t kArrivalIfIndex = 2;
+   // Sends one request through the PAM; returns the reply's ICMP bytes, or empty. The reply
+   // must leave through the request's arrival interface.
    Bytes exchange(const Req& r, const Bytes* raw = nullptr) {
       auto& pam = r.v6 ? pam6 : pam4;
       const IpGenAddr& src = r.v6 ? client6 : client4;
@@ -176,12 +178,13 @@ struct ProbeTest : ::testing::Test {
       Bytes icmp = raw ? *raw : r.build(src, dst);
       Bytes wire = r.v6 || raw ? icmp : withIpv4Header(icmp);
       size_t before = pam->tx.size();
-      pam->inject(wire, src, dst);
+      pam->inject(wire, src, dst, true, kArrivalIfIndex);
       sched.runUntilIdle();
       if (pam->tx.size() == before)
          return {};
       EXPECT_EQ(pam->tx.back().src, dst);
       EXPECT_EQ(pam->tx.back().dst, src);
+      EXPECT_EQ(pam->tx.back().ifIndex, kArrivalIfIndex);
       return pam->tx.back().bytes;
    }
 };
