@@ -218,7 +218,7 @@ def test_reply_leaves_through_the_arrival_interface(lab):
         client.run("ip", "route", "replace", "100.64.9.0/24", "via", ROUTER4)
         client.run("ip", "-6", "route", "replace", "2001:db8:9::/64", "via", ROUTER6)
         cases = [
-            # what, family, source, destination, interface scapy sends on
+            # what, family, source, destination, interface that scopes a link-local destination
             ("link-local to link-local", 6, client_ll, router_ll, "c0"),
             ("v6 global of another interface", 6, CLIENT6, "2001:db8:9::1", None),
             ("v4 address of another interface", 4, None, "100.64.9.1", None),
