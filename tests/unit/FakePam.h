@@ -72,6 +72,8 @@ class FakePam : public IpPam {
       counters_.txBytes += pkt->size();
    }
 
+   void countersIs(const PamCounters& c) { counters_ = c; }
+
    SockFilterProgram filter;
    std::deque<Rx> rx;
    std::vector<Tx> tx;
