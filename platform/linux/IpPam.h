@@ -65,6 +65,10 @@ class IpPam : public Node {
    // TTL or hop limit; -1 keeps the socket's default.
    void txTtlIs(int ttl) { txTtl_ = ttl; }
    void txMarkIs(uint32_t mark) { txMark_ = mark; }
+   // The interface packets leave through; 0 lets routing choose. A link-local source is only
+   // valid with its interface.
+   void txIfIndexIs(uint32_t ifIndex) { txIfIndex_ = ifIndex; }
+   uint32_t txIfIndex() const { return txIfIndex_; }
    // Sends synchronously; txErrno() is 0 on success, the errno otherwise.
    virtual void txPktIs(const Ptr<Pkt>& pkt) = 0;
    int txErrno() const { return txErrno_; }
@@ -85,6 +89,7 @@ class IpPam : public Node {
    IpGenAddr txSrc_, txDst_;
    int txTtl_ = -1;
    uint32_t txMark_ = 0;
+   uint32_t txIfIndex_ = 0;
    int txErrno_ = 0;
    PamCounters counters_;
 };

@@ -259,9 +259,12 @@ void SocketPam::txPktIs(const Ptr<Pkt>& pkt) {
       to4.sin_addr = txDst_.v4Addr();
       msg.msg_name = &to4;
       msg.msg_namelen = sizeof to4;
-      if (txSrc_.isV4() && !txSrc_.isZero()) {
+      bool withSrc = txSrc_.isV4() && !txSrc_.isZero();
+      if (withSrc || txIfIndex_) {
          in_pktinfo pi{};
-         pi.ipi_spec_dst = txSrc_.v4Addr();
+         if (withSrc)
+            pi.ipi_spec_dst = txSrc_.v4Addr();
+         pi.ipi_ifindex = static_cast<int>(txIfIndex_);
          addCmsg(IPPROTO_IP, IP_PKTINFO, &pi, sizeof pi);
       }
    } else {
@@ -269,9 +272,12 @@ void SocketPam::txPktIs(const Ptr<Pkt>& pkt) {
       to6.sin6_addr = txDst_.v6Addr();
       msg.msg_name = &to6;
       msg.msg_namelen = sizeof to6;
-      if (txSrc_.isV6() && !txSrc_.isZero()) {
+      bool withSrc = txSrc_.isV6() && !txSrc_.isZero();
+      if (withSrc || txIfIndex_) {
          in6_pktinfo pi{};
-         pi.ipi6_addr = txSrc_.v6Addr();
+         if (withSrc)
+            pi.ipi6_addr = txSrc_.v6Addr();
+         pi.ipi6_ifindex = txIfIndex_;
          addCmsg(IPPROTO_IPV6, IPV6_PKTINFO, &pi, sizeof pi);
       }
    }

@@ -1,8 +1,8 @@
 """Runs inside a client namespace: sends PROBE requests and collects Extended Echo Replies.
 
 Input (stdin, JSON): {"timeout": s, "requests": [{"af": 4|6, "dst": addr, "src": addr,
-"msg": hex, "frag": n (IPv4 fragment offset, optional), "proto": n (optional), "id": n,
-"seq": n}]}. Output (stdout, JSON): one entry per request, the reply's ICMP message as hex,
+"msg": hex, "frag": n (IPv4 fragment offset, optional), "proto": n (optional), "iface": name
+(optional, IPv6 only: sent from a plain socket scoped to it, as a link-local destination needs), "id": n, "seq": n}]}. Output (stdout, JSON): one entry per request, the reply's ICMP message as hex,
 or null. Replies are matched on type 43/161 with the request's identifier and sequence.
 """
 import json
@@ -24,12 +24,15 @@ def main():
     out = []
     for req in spec["requests"]:
         msg = bytes.fromhex(req["msg"])
-        if req["af"] == 4:
-            pkt = IP(src=req.get("src"), dst=req["dst"], proto=req.get("proto", 1),
-                     frag=req.get("frag", 0)) / Raw(msg)
+        if req.get("iface"):
+            # scapy finds no route to a link-local address; the kernel does, given the scope
+            # (and fills the ICMPv6 checksum).
+            r6.sendto(msg, (req["dst"], 0, 0, socket.if_nametoindex(req["iface"])))
+        elif req["af"] == 4:
+            send(IP(src=req.get("src"), dst=req["dst"], proto=req.get("proto", 1),
+                    frag=req.get("frag", 0)) / Raw(msg))
         else:
-            pkt = IPv6(src=req.get("src"), dst=req["dst"], nh=req.get("proto", 58)) / Raw(msg)
-        send(pkt)
+            send(IPv6(src=req.get("src"), dst=req["dst"], nh=req.get("proto", 58)) / Raw(msg))
         out.append(wait_reply(r4 if req["af"] == 4 else r6, req["af"], req.get("id"),
                               req.get("seq"), timeout))
     json.dump(out, sys.stdout)

@@ -7,7 +7,7 @@ HERE = Path(__file__).resolve().parent
 
 
 def exchange(ns, requests, timeout=1.0):
-    """requests: dicts with af, dst, msg (bytes), id, seq; optional frag, proto.
+    """requests: dicts with af, dst, msg (bytes), id, seq; optional src, frag, proto, iface.
     Returns the reply ICMP messages as bytes (None where no reply came)."""
     spec = {"timeout": timeout, "requests": [
         dict(r, msg=r["msg"].hex()) for r in requests]}

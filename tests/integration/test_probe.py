@@ -63,8 +63,8 @@ def req(af, msg, ident, seq, **kw):
     return dict(af=af, dst=ROUTER4 if af == 4 else ROUTER6, msg=msg, id=ident, seq=seq, **kw)
 
 
-def v6msg(m):
-    c = P.icmp6_checksum(CLIENT6, ROUTER6, m)
+def v6msg(m, src=CLIENT6, dst=ROUTER6):
+    c = P.icmp6_checksum(src, dst, m)
     return m[:2] + c.to_bytes(2, "big") + m[4:]
 
 
@@ -192,3 +192,54 @@ def test_ravelctl_probe_client(lab):
     assert r.returncode == 1 and "code=2 (No Such Interface)" in r.stdout
     r = client.run(ctl, "probe", ROUTER4, "--remote", "--ifaddr", "198.51.100.88", check=False)
     assert r.returncode == 1 and "code=4 (Multiple Interfaces Satisfy Query)" in r.stdout
+
+
+def link_local(ns, dev):
+    """The device's fe80:: address once duplicate address detection is done, else None."""
+    addrs = json.loads(ns.run("ip", "-j", "-6", "addr", "show", "dev", dev).stdout)
+    for a in addrs[0]["addr_info"] if addrs else []:
+        if a.get("scope") == "link" and not a.get("tentative"):
+            return a["local"]
+    return None
+
+
+def test_reply_leaves_through_the_arrival_interface(lab):
+    """A link-local source is only valid with its interface; a global one of another interface
+    must still be accepted on the arrival interface."""
+    d, router, client = lab["daemon"], lab["router"], lab["client"]
+    assert wait_for(lambda: link_local(router, "r0") and link_local(client, "c0"), 5)
+    router_ll, client_ll = link_local(router, "r0"), link_local(client, "c0")
+    router.run("ip", "link", "add", "r9", "type", "veth", "peer", "name", "r9p")
+    try:
+        router.run("ip", "addr", "add", "100.64.9.1/24", "dev", "r9")
+        router.run("ip", "addr", "add", "2001:db8:9::1/64", "dev", "r9", "nodad")
+        router.run("ip", "link", "set", "r9", "up")
+        router.run("ip", "link", "set", "r9p", "up")
+        client.run("ip", "route", "replace", "100.64.9.0/24", "via", ROUTER4)
+        client.run("ip", "-6", "route", "replace", "2001:db8:9::/64", "via", ROUTER6)
+        cases = [
+            # what, family, source, destination, interface that scopes a link-local destination
+            ("link-local to link-local", 6, client_ll, router_ll, "c0"),
+            ("v6 global of another interface", 6, CLIENT6, "2001:db8:9::1", None),
+            ("v4 address of another interface", 4, None, "100.64.9.1", None),
+        ]
+        before = counters(d)
+        requests = []
+        for i, (what, af, src, dst, iface) in enumerate(cases):
+            m = P.request(0x7000 + i, i, True, P.extension(P.intf_object(name="r0")), v6=(af == 6))
+            if af == 6:
+                m = v6msg(m, src, dst)
+            requests.append(dict(af=af, src=src, dst=dst, iface=iface, msg=m, id=0x7000 + i, seq=i))
+        replies = exchange(client, requests, timeout=0.5)
+        after = counters(d)
+        for (what, af, *_), r in zip(cases, replies):
+            moved = {k: after[k] - before[k] for k in after if k not in ("codeCount", "lastTxErrno") and after[k] != before[k]}
+            assert r is not None, f"{what}: no reply (moved {moved}, lastTxErrno {after['lastTxErrno']})"
+            rep = P.parse_reply(r)
+            assert (rep["type"], rep["code"], rep["byte7"]) == (161 if af == 6 else 43, 0, 0x07), what
+        assert after["txErrors"] == before["txErrors"]
+        assert after["responsesSent"] == before["responsesSent"] + len(cases)
+    finally:
+        client.run("ip", "route", "del", "100.64.9.0/24", check=False)
+        client.run("ip", "-6", "route", "del", "2001:db8:9::/64", check=False)
+        router.run("ip", "link", "del", "r9", check=False)

@@ -475,6 +475,50 @@ TEST_F(SocketPamTest, TransmitHonoursSourceTtlMarkAndEnabled) {
    }
 }
 
+TEST_F(SocketPamTest, TransmitInterfaceMakesALinkLocalSourceValid) {
+   std::string r = "ip -n " + router + " ", c = "ip -n " + client + " ";
+   for (const std::string& cmd : {
+            r + "addr add fe80::1/64 dev rv0 nodad",
+            c + "addr add fe80::2/64 dev rv1 nodad",
+            r + "neigh add fe80::2 lladdr " + kClientMac + " dev rv0 nud permanent",
+        }) {
+      ASSERT_EQ(sh(cmd), 0) << cmd;
+   }
+   struct Case {
+      const char* what;
+      AddressFamily af;
+      const char *src, *dst;
+      bool withIfIndex;
+      int err;
+   };
+   constexpr auto v4 = AddressFamily::ipv4, v6 = AddressFamily::ipv6;
+   const Case cases[] = {
+       {"link-local, no interface", v6, "fe80::1", "fe80::2", false, EINVAL},
+       {"link-local, its interface", v6, "fe80::1", "fe80::2", true, 0},
+       {"global, interface given", v6, "2001:db8::3", "2001:db8::2", true, 0},
+       // The interface does not replace the source with its primary address.
+       {"IPv4, interface given", v4, "192.0.2.3", "192.0.2.2", true, 0},
+   };
+   Ptr<IpPam> pams[] = {open(v4, &PamSm::dropAllFilter), open(v6, &PamSm::dropAllFilter)};
+   ClientReceiver receivers[] = {{*this, v4}, {*this, v6}};
+   uint16_t id = 0xa00;
+   for (const Case& k : cases) {
+      SCOPED_TRACE(k.what);
+      bool isV4 = k.af == v4;
+      IpPam& pam = *pams[isV4 ? 0 : 1];
+      pam.txSrcIpAddrIs(addr(k.src));
+      pam.txDstIpAddrIs(addr(k.dst));
+      pam.txIfIndexIs(k.withIfIndex ? routerIfIndex : 0);
+      pam.txPktIs(Pkt::fromBytes(echo(isV4 ? 0 : 129, ++id)));
+      EXPECT_EQ(pam.txErrno(), k.err);
+      if (k.err)
+         continue;
+      auto got = receivers[isV4 ? 0 : 1].await(id);
+      ASSERT_TRUE(got);
+      EXPECT_EQ(got->src, addr(k.src));
+   }
+}
+
 TEST_F(SocketPamTest, NothingQueuedBeforeTheFilterLeaks) {
    // The witness proves the early packets reached the router's raw sockets.
    auto witness = open(AddressFamily::ipv4, &PamSm::v4ProbeFilter);

@@ -2,21 +2,25 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <string>
+#include <vector>
 
 #include "agent/RavelAgent.h"
 #include "error/ErrorResponderAgent.h"
 #include "platform/core/Lumen.h"
 #include "probe/ProbeResponderAgent.h"
-#include "tests/unit/FakePam.h"
+#include "tests/unit/FakePamWorld.h"
 
 namespace Ravel {
 namespace {
 
-using testing::FakePamFactory;
+using testing::FakePam;
+using testing::FakePamWorld;
 
 // Runs a command callback and returns what it wrote to the client (a file stands in for the
 // client's socket, so a long dump cannot block).
@@ -35,25 +39,19 @@ std::string reply(AgentCommandCallback& cb, const std::string& command, bool ver
    return out;
 }
 
-struct AgentTest : ::testing::Test {
-   std::shared_ptr<SimulatedClock> clock = std::make_shared<SimulatedClock>();
-   Scheduler sched{clock};
-   ScopedDefaultScheduler scoped{sched};
-   FakePamFactory factory;
+struct AgentTest : FakePamWorld {
    Ptr<EntityManager> em = make<EntityManager>();
    Ptr<CAgent> framework = make<CAgent>("Ravel", em, make<AgentCommandRequestDirSm>());
    std::filesystem::path dir =
        std::filesystem::temp_directory_path() / ("ravel-agent-test-" + std::to_string(getpid()));
 
    AgentTest() {
-      PamFactory::instanceIs(&factory);
       std::filesystem::create_directories(dir);
       setenv("LUMENDIR", dir.c_str(), 1);
       setenv("LUMEN_DISABLE", "1", 1);
    }
    ~AgentTest() override {
       lumen::shutdown();
-      PamFactory::instanceIs(nullptr);
       unsetenv("LUMENDIR");
       unsetenv("LUMEN_DISABLE");
       std::filesystem::remove_all(dir);
@@ -84,11 +82,32 @@ TEST_F(AgentTest, StartUpOrderAndRecords) {
    EXPECT_NE(agent->pamCollection(), agent->pamStatus()->pamCollection());
    EXPECT_EQ(agent->probeAgent()->pamCollection(), agent->pamStatus()->pamCollection());
 
-   auto same = agent->probeAgentIs(framework.get());
-   EXPECT_EQ(same, agent->probeAgent());
+   // Asking again with the sub-agent's own framework agent (the Ravel agent) keeps it; another
+   // one replaces it.
+   struct SubAgent {
+      const char* what;
+      std::function<Ptr<MiniAgent>()> current;
+      std::function<Ptr<MiniAgent>(CAgent*)> is;
+   };
+   const SubAgent subAgents[] = {
+       {"probe", [&] { return Ptr<MiniAgent>(agent->probeAgent()); },
+        [&](CAgent* c) { return Ptr<MiniAgent>(agent->probeAgentIs(c)); }},
+       {"error responder", [&] { return Ptr<MiniAgent>(agent->errorResponderAgent()); },
+        [&](CAgent* c) { return Ptr<MiniAgent>(agent->errorResponderAgentIs(c)); }},
+   };
    auto other = make<CAgent>("Other", em, make<AgentCommandRequestDirSm>());
-   EXPECT_NE(agent->probeAgentIs(other.get()), same);
-   EXPECT_EQ(agent->probeAgent()->cAgent(), other.get());
+   for (auto& s : subAgents) {
+      SCOPED_TRACE(s.what);
+      Ptr<MiniAgent> first = s.current();  // held, so a replacement cannot reuse its address
+      ASSERT_TRUE(first);
+      EXPECT_EQ(first->cAgent(), agent.get());
+      EXPECT_EQ(s.is(agent.get()), first);
+      EXPECT_EQ(s.current(), first);
+      Ptr<MiniAgent> replaced = s.is(other.get());
+      EXPECT_NE(replaced, first);
+      EXPECT_EQ(s.current(), replaced);
+      EXPECT_EQ(replaced->cAgent(), other.get());
+   }
 }
 
 TEST_F(AgentTest, LumenFileFollowsTheEnvironment) {
@@ -131,8 +150,24 @@ TEST_F(AgentTest, DumpListsPamsAndTruncates) {
    EXPECT_EQ(empty.find("truncated"), std::string::npos);
 
    sched.runUntilIdle();
+   // Every counter distinct, so a field printed in the wrong place shows.
+   auto v4 = ptrCast<FakePam>(
+       agent->pamStatus()->pamCollection()->pamGet({VrfName::defaultVrf(), AddressFamily::ipv4}));
+   ASSERT_TRUE(v4);
+   v4->nextTxErrno = EINVAL;
+   v4->txPktIs(Pkt::fromBytes(std::vector<uint8_t>(8, 0)));
+   v4->countersIs({.txPkts = 1,
+                   .txBytes = 2,
+                   .txDrops = 3,
+                   .txErrors = 4,
+                   .rxPkts = 5,
+                   .rxBytes = 6,
+                   .rxDrops = 7,
+                   .rxErrors = 8});
    std::string two = reply(*dump, "DebugAgentState");
-   EXPECT_NE(two.find("pams #2\npam default ipv4\n    IpPam enabled 1 protocol 1 netNs default\n"),
+   EXPECT_NE(two.find("pams #2\npam default ipv4\n    IpPam enabled 1 protocol 1 netNs default\n"
+                      "    tx 1 pkts 2 bytes 3 drops 4 errors errno=22\n"
+                      "    rx 5 pkts 6 bytes 7 drops 8 errors\n"),
              std::string::npos)
        << two;
 

@@ -56,6 +56,7 @@ class FakePam : public IpPam {
       IpGenAddr src, dst;
       int ttl = -1;
       uint32_t mark = 0;
+      uint32_t ifIndex = 0;
    };
    // Records the packet unless nextTxErrno is set (then counts an error). Sends whether or not
    // the PAM is enabled.
@@ -66,10 +67,12 @@ class FakePam : public IpPam {
          return;
       }
       tx.push_back({std::vector<uint8_t>(pkt->data(), pkt->data() + pkt->size()), txSrc_, txDst_,
-                    txTtl_, txMark_});
+                    txTtl_, txMark_, txIfIndex_});
       ++counters_.txPkts;
       counters_.txBytes += pkt->size();
    }
+
+   void countersIs(const PamCounters& c) { counters_ = c; }
 
    SockFilterProgram filter;
    std::deque<Rx> rx;

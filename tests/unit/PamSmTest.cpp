@@ -3,13 +3,13 @@
 #include <cerrno>
 
 #include "pam/RavelPamSm.h"
-#include "tests/unit/FakePam.h"
+#include "tests/unit/FakePamWorld.h"
 
 namespace Ravel {
 namespace {
 
 using testing::FakePam;
-using testing::FakePamFactory;
+using testing::FakePamWorld;
 
 bool sameProgram(const SockFilterProgram& a, const SockFilterProgram& b) {
    if (a.size() != b.size())
@@ -22,15 +22,11 @@ bool sameProgram(const SockFilterProgram& a, const SockFilterProgram& b) {
    return true;
 }
 
-struct PamSmTest : ::testing::Test {
-   std::shared_ptr<SimulatedClock> clock = std::make_shared<SimulatedClock>();
-   Scheduler sched{clock};
-   ScopedDefaultScheduler scoped{sched};
+struct PamSmTest : FakePamWorld {
    Ptr<PamConfig> errConfig = make<PamConfig>();
    Ptr<PamConfig> probeConfig = make<PamConfig>();
    Ptr<AllVrfStatusLocal> vrfs = make<AllVrfStatusLocal>();
    Ptr<PamStatus> pamStatus = make<PamStatus>();
-   FakePamFactory factory;
    Ptr<PamSm> sm;
 
    ~PamSmTest() override { sm.reset(); }

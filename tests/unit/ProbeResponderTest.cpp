@@ -5,13 +5,14 @@
 #include <vector>
 
 #include "probe/ProbeResponderAgent.h"
-#include "tests/unit/FakePam.h"
+#include "tests/unit/FakePamWorld.h"
 
 namespace Ravel::ProbeResponder {
 namespace {
 
 using Bytes = std::vector<uint8_t>;
 using Ravel::testing::FakePam;
+using Ravel::testing::FakePamWorld;
 
 uint16_t csum(const Bytes& b, size_t from = 0, size_t len = SIZE_MAX, uint32_t sum = 0) {
    len = std::min(len, b.size() - from);
@@ -27,6 +28,19 @@ void put16(Bytes& b, size_t at, uint16_t v) {
    b[at] = uint8_t(v >> 8);
    b[at + 1] = uint8_t(v);
 }
+// The ICMPv6 checksum of m (its checksum field taken as it is) with the pseudo-header.
+uint16_t icmp6Sum(const IpGenAddr& src, const IpGenAddr& dst, const Bytes& m) {
+   Bytes pseudo;
+   for (auto x : src.bytes())
+      pseudo.push_back(x);
+   for (auto x : dst.bytes())
+      pseudo.push_back(x);
+   uint32_t len = uint32_t(m.size());
+   pseudo.insert(pseudo.end(), {uint8_t(len >> 24), uint8_t(len >> 16), uint8_t(len >> 8),
+                                uint8_t(len), 0, 0, 0, 58});
+   pseudo.insert(pseudo.end(), m.begin(), m.end());
+   return csum(pseudo);
+}
 
 // An RFC 8335 request from the ICMP header on, built by hand. Hooks damage it on purpose.
 struct Req {
@@ -36,7 +50,9 @@ struct Req {
    bool local = true;
    uint8_t cls = 3, ctype = 1;
    Bytes body = {'e', 't', 'h', '0'};
-   int lengthDelta = 0;  // added to the object Length field
+   int lengthDelta = 0;          // added to the object Length field
+   size_t extSumLen = SIZE_MAX;  // bytes the extension checksum covers (default: all)
+   Bytes ipOptions;              // IPv4 header options, a multiple of 4 bytes
    uint8_t version = 2;
    bool badIcmpSum = false, badExtSum = false;
    uint8_t type = 0;  // 0: the family's request type
@@ -57,20 +73,11 @@ struct Req {
       put16(obj, 0, uint16_t(4 + body.size() + lengthDelta));
       obj.insert(obj.end(), body.begin(), body.end());
       ext.insert(ext.end(), obj.begin(), obj.end());
-      put16(ext, 2, uint16_t(csum(ext) ^ (badExtSum ? 0x4242 : 0)));
+      put16(ext, 2, uint16_t(csum(ext, 0, extSumLen) ^ (badExtSum ? 0x4242 : 0)));
       m.insert(m.end(), ext.begin(), ext.end());
       uint16_t s;
       if (v6) {
-         Bytes pseudo;
-         for (auto x : src.bytes())
-            pseudo.push_back(x);
-         for (auto x : dst.bytes())
-            pseudo.push_back(x);
-         uint32_t len = uint32_t(m.size());
-         pseudo.insert(pseudo.end(), {uint8_t(len >> 24), uint8_t(len >> 16), uint8_t(len >> 8),
-                                      uint8_t(len), 0, 0, 0, 58});
-         pseudo.insert(pseudo.end(), m.begin(), m.end());
-         s = csum(pseudo);
+         s = icmp6Sum(src, dst, m);
       } else {
          s = csum(m);
       }
@@ -79,9 +86,29 @@ struct Req {
    }
 };
 
-Bytes withIpv4Header(const Bytes& icmp) {
-   Bytes ip = {0x45, 0, 0, 0, 0, 0, 0, 0, 64, 1, 0, 0, 192, 0, 2, 1, 192, 0, 2, 2};
-   put16(ip, 2, uint16_t(20 + icmp.size()));
+Bytes withIpv4Header(const Bytes& icmp, const Bytes& options = {}) {
+   Bytes ip = {uint8_t(0x45 + options.size() / 4),
+               0,
+               0,
+               0,
+               0,
+               0,
+               0,
+               0,
+               64,
+               1,
+               0,
+               0,
+               192,
+               0,
+               2,
+               1,
+               192,
+               0,
+               2,
+               2};
+   ip.insert(ip.end(), options.begin(), options.end());
+   put16(ip, 2, uint16_t(ip.size() + icmp.size()));
    put16(ip, 10, csum(ip));
    ip.insert(ip.end(), icmp.begin(), icmp.end());
    return ip;
@@ -97,10 +124,7 @@ Bytes indexBody(uint32_t i) {
    return {uint8_t(i >> 24), uint8_t(i >> 16), uint8_t(i >> 8), uint8_t(i)};
 }
 
-struct ProbeTest : ::testing::Test {
-   std::shared_ptr<SimulatedClock> clock = std::make_shared<SimulatedClock>();
-   Scheduler sched{clock};
-   ScopedDefaultScheduler scoped{sched};
+struct ProbeTest : FakePamWorld {
    Ptr<AllIntfStatusDir> intfs = make<AllIntfStatusDir>();
    Ptr<L3IntfStatusDir> l3 = make<L3IntfStatusDir>();
    Ptr<IfIndexStatus> ifIndex = make<IfIndexStatus>();
@@ -111,8 +135,8 @@ struct ProbeTest : ::testing::Test {
    Ptr<Config> config = make<Config>();
    Ptr<Status> status = make<Status>();
    Ptr<PamCollection> pams = make<PamCollection>();
-   Ptr<FakePam> pam4 = make<FakePam>("ipv4 vrf default", AddressFamily::ipv4, 1, "");
-   Ptr<FakePam> pam6 = make<FakePam>("ipv6 vrf default", AddressFamily::ipv6, 58, "");
+   Ptr<FakePam> pam4 = defaultVrfPam(AddressFamily::ipv4);
+   Ptr<FakePam> pam6 = defaultVrfPam(AddressFamily::ipv6);
    Ptr<RootSm> sm;
 
    IpGenAddr client4 = *IpGenAddr::parse("192.0.2.1"), router4 = *IpGenAddr::parse("192.0.2.2");
@@ -168,20 +192,23 @@ struct ProbeTest : ::testing::Test {
       (a.isV4() ? arp->arp : arp->nd).is({vrfId, a, IntfId(dev)}, {"02:00:00:00:00:01"});
    }
 
-   // Sends one request through the PAM; returns the reply's ICMP bytes, or empty.
-   Bytes exchange(const Req& r, const Bytes* raw = nullptr) {
-      auto& pam = r.v6 ? pam6 : pam4;
+   static constexpr uint32_t kArrivalIfIndex = 2;
+   // Sends one request through the PAM; returns the reply's ICMP bytes, or empty. The reply
+   // must leave through the request's arrival interface.
+   Bytes exchange(const Req& r, const Bytes* raw = nullptr, Ptr<FakePam> via = nullptr) {
+      Ptr<FakePam> pam = via ? via : r.v6 ? pam6 : pam4;
       const IpGenAddr& src = r.v6 ? client6 : client4;
       const IpGenAddr& dst = r.v6 ? router6 : router4;
       Bytes icmp = raw ? *raw : r.build(src, dst);
-      Bytes wire = r.v6 || raw ? icmp : withIpv4Header(icmp);
+      Bytes wire = r.v6 || raw ? icmp : withIpv4Header(icmp, r.ipOptions);
       size_t before = pam->tx.size();
-      pam->inject(wire, src, dst);
+      pam->inject(wire, src, dst, true, kArrivalIfIndex);
       sched.runUntilIdle();
       if (pam->tx.size() == before)
          return {};
       EXPECT_EQ(pam->tx.back().src, dst);
       EXPECT_EQ(pam->tx.back().dst, src);
+      EXPECT_EQ(pam->tx.back().ifIndex, kArrivalIfIndex);
       return pam->tx.back().bytes;
    }
 };
@@ -288,8 +315,26 @@ TEST_F(ProbeTest, RepliesAndCounters) {
         [](Req& r) { r.ctype = 3, r.body = {0, 1, 16, 0, 1, 2, 3, 4}; }, 1, 0,
         "badExtensionObject"},
        {"empty name", [](Req& r) { r.body = {}; }, 1, 0, "badExtensionObject"},
+       // Length 2: no body, and the extension checksum covers only Length + 4 bytes.
+       {"object Length below 4",
+        [](Req& r) {
+           r.lengthDelta = -6;
+           r.extSumLen = 6;
+        },
+        1, 0, "badExtensionObject"},
+       {"IPv4 header with options",
+        [](Req& r) {
+           r.ipOptions = {1, 1, 1, 0};
+        },
+        0, 0x07, "responsesSent"},
        // Packet-level faults: dropped.
        {"bad ICMP checksum", [](Req& r) { r.badIcmpSum = true; }, -1, 0, "incorrectIcmpChecksum"},
+       {"bad ICMPv6 checksum",
+        [&](Req& r) {
+           v6(r);
+           r.badIcmpSum = true;
+        },
+        -1, 0, "incorrectIcmpChecksum"},
        {"extension version 1", [](Req& r) { r.version = 1; }, -1, 0, "badExtensionHeader"},
        {"bad extension checksum", [](Req& r) { r.badExtSum = true; }, -1, 0,
         "incorrectExtensionChecksum"},
@@ -386,6 +431,11 @@ TEST_F(ProbeTest, ShortPacketsCountTheRightCheck) {
    Req good;
    Bytes icmp = good.build(client4, router4);
    Bytes ip = withIpv4Header(icmp);
+   auto icmp6Seven = [&](bool bad) {
+      Bytes m = {160, 0, 0, 0, 0x12, 0x34, 7};
+      put16(m, 2, uint16_t(icmp6Sum(client6, router6, m) ^ (bad ? 0x0101 : 0)));
+      return m;
+   };
    Bytes ihl6 = ip;
    ihl6[0] = 0x46;
    ihl6.resize(22);
@@ -402,7 +452,17 @@ TEST_F(ProbeTest, ShortPacketsCountTheRightCheck) {
        {"7 byte ICMP", Bytes(ip.begin(), ip.begin() + 27), false, "pktTooShort"},
        // The extension sums to zero on its own, so cutting it off leaves the ICMP checksum good.
        {"no extension", Bytes(ip.begin(), ip.begin() + 28), false, "pktTooShort"},
+       {"7 byte ICMP of another type",
+        [&] {
+           Bytes b(ip.begin(), ip.begin() + 27);
+           b[20] = 8;
+           return b;
+        }(),
+        false, "pktTooShort"},
        {"3 byte ICMPv6", {160, 0, 0}, true, "pktTooShort"},
+       // IPv6 verifies the checksum before it asks for the full Extended Echo header.
+       {"7 byte ICMPv6", icmp6Seven(false), true, "pktTooShort"},
+       {"7 byte ICMPv6, bad checksum", icmp6Seven(true), true, "incorrectIcmpChecksum"},
    };
    for (auto& c : cases) {
       SCOPED_TRACE(c.what);
@@ -410,23 +470,126 @@ TEST_F(ProbeTest, ShortPacketsCountTheRightCheck) {
       Req r;
       r.v6 = c.v6;
       EXPECT_TRUE(exchange(r, &c.wire).empty());
-      EXPECT_EQ(counters(*status)[c.counter], before[c.counter] + 1);
+      auto after = counters(*status);
+      for (auto& [name, v] : after) {
+         uint64_t moved = name == c.counter || name == "requestsReceived" ? 1 : 0;
+         EXPECT_EQ(v, before[name] + moved) << name;
+      }
    }
 }
 
 TEST_F(ProbeTest, QueueLimitDropsAndCounts) {
-   config->maxQueueLength.set(2);
+   struct Case {
+      const char* what;
+      uint32_t limit;
+      int burst;          // packets waiting when the PAM says readable
+      bool replyWaiting;  // a reply not yet sent sits in the output queue
+      uint64_t accepted;
+   };
+   // Accepted while each queue holds at most the limit: the input queue reaches limit + 1.
+   const Case cases[] = {
+       {"limit 2", 2, 6, false, 3},
+       {"limit 0, queues empty", 0, 3, false, 1},
+       {"limit 0, a reply waiting", 0, 3, true, 0},
+   };
    Req r;
    Bytes wire = withIpv4Header(r.build(client4, router4));
-   for (int i = 0; i < 5; ++i)
-      pam4->inject(wire, client4, router4, false);
-   pam4->inject(wire, client4, router4, true);  // one readable notification for all six
-   // Accepted while each queue holds at most the limit: the input queue reaches limit + 1.
-   EXPECT_EQ(status->requestsReceived, 3u);
-   EXPECT_EQ(status->queueTooLong, 3u);
-   sched.runUntilIdle();
-   EXPECT_EQ(status->responsesSent, 3u);
-   EXPECT_EQ(pam4->tx.size(), 3u);
+   for (auto& c : cases) {
+      SCOPED_TRACE(c.what);
+      status->clear();
+      pam4->tx.clear();
+      config->maxQueueLength.set(c.limit);
+      if (c.replyWaiting) {
+         auto e = queueEntryFactory();
+         e->pkt = Pkt::fromBytes(r.build(client4, router4));
+         e->src = client4;
+         e->dst = router4;
+         e->vrf = VrfName::defaultVrf();
+         sm->queues()->outputEnq(e);
+      }
+      for (int i = 1; i < c.burst; ++i)
+         pam4->inject(wire, client4, router4, false);
+      pam4->inject(wire, client4, router4, true);  // one readable notification for all
+      EXPECT_EQ(status->requestsReceived, c.accepted);
+      EXPECT_EQ(status->queueTooLong, c.burst - c.accepted);
+      sched.runUntilIdle();
+      uint64_t sent = c.accepted + (c.replyWaiting ? 1 : 0);
+      EXPECT_EQ(status->responsesSent, sent);
+      EXPECT_EQ(pam4->tx.size(), sent);
+   }
+}
+
+TEST_F(ProbeTest, RemoteRequestInAVrfWithoutIdFindsNoEntry) {
+   // The address is learnt in the default VRF (id 0); "blue" has no id at all.
+   neighbour(0, "192.0.2.77", "eth0");
+   config->remote.set(true);
+   auto blue =
+       ptrCast<FakePam>(factory.ipSocketPamFactory("ipv4 vrf blue", IPPROTO_ICMP, "ns-blue"));
+   pams->pamIs({VrfName("blue"), AddressFamily::ipv4}, blue);
+   struct Case {
+      const char* what;
+      Ptr<FakePam> pam;
+      int code;
+      uint8_t byte7;
+   };
+   const Case cases[] = {
+       {"default VRF", pam4, 0, 0x40},
+       {"VRF without id", blue, 3, 0},
+   };
+   for (auto& c : cases) {
+      SCOPED_TRACE(c.what);
+      Req r;
+      r.local = false, r.ctype = 3, r.body = addrBody(*IpGenAddr::parse("192.0.2.77"));
+      auto before = counters(*status);
+      Bytes reply = exchange(r, nullptr, c.pam);
+      ASSERT_EQ(reply.size(), r.build(client4, router4).size());
+      EXPECT_EQ(reply[1], c.code);
+      EXPECT_EQ(reply[7], c.byte7);
+      auto after = counters(*status);
+      for (auto& [name, v] : after) {
+         bool moves = name == "requestsReceived" || name == "responsesSent";
+         EXPECT_EQ(v, before[name] + (moves ? 1 : 0)) << name;
+      }
+   }
+}
+
+TEST_F(ProbeTest, DumpListsReactorsAndTruncatesLongLists) {
+   for (int i = 0; i < 120; ++i) {
+      VrfName v("v" + std::to_string(1000 + i));
+      pams->pamIs({v, AddressFamily::ipv4},
+                  factory.ipSocketPamFactory("x", IPPROTO_ICMP, "ns-" + v.str()));
+   }
+   auto lines = [](const std::string& s, const std::string& what) {
+      size_t n = 0;
+      for (size_t p = 0; (p = s.find(what, p)) != std::string::npos; ++p)
+         ++n;
+      return n;
+   };
+   bool truncated = false;
+   std::string cut = dumpText([&](DumpContext& ctx) {
+      sm->dumpState(ctx, 2);
+      truncated = ctx.wasTruncated();
+   });
+   EXPECT_TRUE(truncated);
+   EXPECT_NE(cut.find("  ProbeResponder\n"
+                      "    config enabled 1 ifindex 1 ifname 1 ifaddr 1 remote 0\n"
+                      "    pamInputReactor #122\n"
+                      "      -- The following list will be truncated, use verbose option to "
+                      "display all 122 entries --\n"
+                      "      input reactor for default ipv4\n"),
+             std::string::npos)
+       << cut;
+   EXPECT_NE(cut.find("      -- This list has been truncated, use verbose option to display all "
+                      "122 entries --\n"
+                      "    intfIdByIfindex #4\n"
+                      "    intput queue #0\n"
+                      "    output queue #0\n"),
+             std::string::npos)
+       << cut;
+   EXPECT_EQ(lines(cut, "input reactor for "), DumpContext::kDefaultEntryLimit);
+   std::string all = dumpText([&](DumpContext& ctx) { sm->dumpState(ctx, 2); }, true);
+   EXPECT_EQ(lines(all, "input reactor for "), 122u);
+   EXPECT_EQ(all.find("truncated"), std::string::npos);
 }
 
 TEST_F(ProbeTest, TasksYieldAndRescheduleUntilEmpty) {

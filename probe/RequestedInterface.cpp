@@ -1,4 +1,4 @@
-#include "probe/ProbeResponderTypes.h"
+#include "probe/RequestedInterface.h"
 
 #include <charconv>
 #include <stdexcept>
@@ -6,27 +6,6 @@
 #include <fmt/format.h>
 
 namespace Ravel::ProbeResponder {
-
-const char* toString(ParseResultCode c) {
-   switch (c) {
-      case ParseResultCode::good:
-         return "good";
-      case ParseResultCode::malformedPacket:
-         return "malformedPacket";
-      case ParseResultCode::malformedRequest:
-         return "malformedRequest";
-   }
-   return "unknown";
-}
-
-ParseResultCode parseResultCodeFromString(std::string_view name) {
-   for (auto c : {ParseResultCode::good, ParseResultCode::malformedPacket,
-                  ParseResultCode::malformedRequest}) {
-      if (name == toString(c))
-         return c;
-   }
-   throw std::invalid_argument(fmt::format("Invalid ParseResultCode {}", name));
-}
 
 std::string RequestedInterface::str() const {
    std::string core;
