@@ -76,10 +76,9 @@ void RootSm::handleInitialized() {
    in_.status->afStatusDelAll();
    for (AddressFamily af : kFamilies) {
       RAVEL_ASSERT(helper_[idx(af)]);
-      progSm_[idx(af)] =
-          make<EbpfProgSm>(af, in_.ebpfConfig, initStatus_[idx(af)], vrfStatus_[idx(af)],
-                           in_.status, handlerContext_[idx(af)], helper_[idx(af)],
-                           errorResponderStats_);
+      progSm_[idx(af)] = make<EbpfProgSm>(af, in_.ebpfConfig, initStatus_[idx(af)],
+                                          vrfStatus_[idx(af)], in_.status, handlerContext_[idx(af)],
+                                          helper_[idx(af)], errorResponderStats_);
    }
    initialized_ = true;
    for (AddressFamily af : kFamilies)
@@ -95,9 +94,8 @@ void RootSm::setupEpfHelper() {
    }
    if (mockEbpfEnvironment_) {
       void* testLibHandle = ::dlopen(kTestLib, RTLD_NOW | RTLD_GLOBAL);
-      RAVEL_ASSERT_MSG(testLibHandle, fmt::format("dlopen({}) failed: {}", kTestLib,
-                                                  ::dlerror() ?: "")
-                                          .c_str());
+      RAVEL_ASSERT_MSG(testLibHandle,
+                       fmt::format("dlopen({}) failed: {}", kTestLib, ::dlerror() ?: "").c_str());
       testLibHandle_ = testLibHandle;
       void* fptr = ::dlsym(testLibHandle, kTestFactory);
       RAVEL_ASSERT_MSG(fptr, fmt::format("dlsym({}) failed", kTestFactory).c_str());
@@ -192,8 +190,7 @@ Agent::~Agent() {
 
 void Agent::doInit(const Ptr<MountGroup>&) {
    TRACE(3, "doInit");
-   cAgent()->localEntityIs("AllIntfStatusDir", AllIntfStatusDir::kTypeName,
-                           "interface/status/all");
+   cAgent()->localEntityIs("AllIntfStatusDir", AllIntfStatusDir::kTypeName, "interface/status/all");
    cAgent()->localEntityIs("AllIntfStatusLocalDir", AllIntfStatusLocalDir::kTypeName,
                            "interface/status/local");
    TRACE(3, "doInit done");
@@ -201,11 +198,13 @@ void Agent::doInit(const Ptr<MountGroup>&) {
 
 void Agent::doMountsComplete(MountStatus status, const Ptr<EntityManager>& em) {
    TRACE(3, "doMountsComplete {}", toString(status));
-   RAVEL_ASSERT(allIntfStatusDir());
-   RAVEL_ASSERT(allVrfStatusLocal());
-   RAVEL_ASSERT(ipStatus());
-   RAVEL_ASSERT(ip6Status());
    RAVEL_ASSERT(pamConfig());
+   // A store without the network state (or without our records) leaves the error responder
+   // idle rather than stopping the agent: the probe responder may still run.
+   if (!allIntfStatusDir() || !allVrfStatusLocal() || !ipStatus() || !ip6Status()) {
+      TRACE(1, "network state not mounted; error responder idle");
+      return;
+   }
    RootSmInputs in;
    in.allIntfStatusDir = allIntfStatusDir();
    in.allIntfStatusLocalDir = em->entityAs<AllIntfStatusLocalDir>("interface/status/local");
@@ -222,6 +221,10 @@ void Agent::doMountsComplete(MountStatus status, const Ptr<EntityManager>& em) {
    in.pamConfig = pamConfig();
    in.pamCollection = pamCollection();
    in.em = em;
+   if (!in.allIntfStatusLocalDir || !in.kniStatus || !in.config || !in.status || !in.ebpfConfig) {
+      TRACE(1, "error responder records not mounted; error responder idle");
+      return;
+   }
    rootSmIs(in);
 }
 

@@ -87,8 +87,8 @@ NsInode VrfConfigSm::nsInode(const VrfName& vrfName, const VrfStatusLocal* statu
       static const char* kPath = "/proc/self/ns/net";
       struct stat st {};
       if (::stat(kPath, &st) != 0) {
-         RAVEL_ASSERT_MSG(false,
-                          fmt::format("stat failed for {}: {}", kPath, std::strerror(errno)).c_str());
+         RAVEL_ASSERT_MSG(
+             false, fmt::format("stat failed for {}: {}", kPath, std::strerror(errno)).c_str());
       }
       return static_cast<NsInode>(st.st_ino);
    }
@@ -155,8 +155,8 @@ void VrfConfigSm::removeVrfConfig(EbpfConfig& ebpfConfig, const VrfName& vrfName
                         .c_str());
    RAVEL_ASSERT_MSG(
        reverseMapEntry == entry,
-       fmt::format("Inconsistent forwad map entry ({}->{}) and reverse map entry ({}->{})",
-                   vrfName, entry->nsInode, reverseMapEntry->nsInode, reverseMapEntry->vrfName)
+       fmt::format("Inconsistent forwad map entry ({}->{}) and reverse map entry ({}->{})", vrfName,
+                   entry->nsInode, reverseMapEntry->nsInode, reverseMapEntry->vrfName)
            .c_str());
    TRACE(4, "Remove entry for vrf {} with inode {}", vrfName, entry->nsInode);
    ebpfConfig.entryByInodeDel(entry->nsInode);
@@ -173,13 +173,12 @@ void VrfConfigSm::onDelete() {
 
 void VrfConfigSm::dumpState(DumpContext& ctx, int indent) const {
    RAVEL_DUMP(ctx, indent, "%s\n", vrfName_.str().c_str());
-   RAVEL_DUMP(ctx, indent + 2, "vrfConfig=%s\n",
-              vrfConfig_ ? fmt::format("{}", static_cast<void*>(vrfConfig_.get())).c_str()
-                         : "null");
+   RAVEL_DUMP(
+       ctx, indent + 2, "vrfConfig=%s\n",
+       vrfConfig_ ? fmt::format("{}", static_cast<void*>(vrfConfig_.get())).c_str() : "null");
    RAVEL_DUMP(ctx, indent + 2, "vrfStatusLocal %s\n",
-              vrfStatusLocal_
-                  ? fmt::format("{}", static_cast<void*>(vrfStatusLocal_.get())).c_str()
-                  : "null");
+              vrfStatusLocal_ ? fmt::format("{}", static_cast<void*>(vrfStatusLocal_.get())).c_str()
+                              : "null");
    if (vrfStatusLocal_) {
       RAVEL_DUMP(ctx, indent + 4, "state=%s\n", toString(vrfStatusLocal_->state()));
       RAVEL_DUMP(ctx, indent + 4, "nsInode=%llu\n",
@@ -199,9 +198,9 @@ ConfigSm::ConfigSm(Ptr<Config> config, Ptr<AllVrfStatusLocal> allVrfStatusLocal,
       ebpfConfig_(std::move(ebpfConfig)),
       status_(std::move(status)),
       ndVrfEnabled_(ndVrfEnabled) {
-   RAVEL_ASSERT(config());
-   RAVEL_ASSERT(allVrfStatusLocal());
-   RAVEL_ASSERT(ebpfConfig());
+   RAVEL_ASSERT(this->config());
+   RAVEL_ASSERT(this->allVrfStatusLocal());
+   RAVEL_ASSERT(this->ebpfConfig());
    enabledSub_ = config_->enabled.subscribe([this] { handleGlobalDisabled(); });
    vrfConfigSub_ = config_->vrfConfig.subscribe([this](const VrfName& n) { handleVrfConfig(n); });
    vrfStatusSub_ =

@@ -77,6 +77,9 @@ class ConfigSm : public Node {
    void handleVrfConfig(const VrfName& vrfName);
    void handleGlobalDisabled();
    bool globalDisabled() const { return config_->enabled().disabled(); }
+   const Ptr<Config>& config() const { return config_; }
+   const Ptr<AllVrfStatusLocal>& allVrfStatusLocal() const { return allVrfStatusLocal_; }
+   const Ptr<EbpfConfig>& ebpfConfig() const { return ebpfConfig_; }
 
    const std::map<VrfName, Ptr<VrfConfigSm>>& vrfConfigSm() const { return vrfConfigSm_; }
    Ptr<VrfConfigSm> vrfConfigSm(const VrfName& n) const {

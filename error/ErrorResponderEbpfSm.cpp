@@ -21,7 +21,7 @@ EbpfProgSm::EbpfProgSm(AddressFamily af, Ptr<EbpfConfig> ebpfConfig,
       ebpfHandlerContext_(std::move(ebpfHandlerContext)),
       ebpfHelper_(std::move(ebpfHelper)),
       errorResponderStats_(std::move(errorResponderStats)) {
-   RAVEL_ASSERT(ebpfConfig());
+   RAVEL_ASSERT(ebpfConfig_);
    entrySub_ = ebpfConfig_->entry.subscribe([this](const VrfName& n) { handleVrfConfig(n); });
    ringBufSzSub_ = ebpfConfig_->ringBufSz.subscribe([this] { handleSizes(); });
    vrfMapSzSub_ = ebpfConfig_->vrfMapSz.subscribe([this] { handleSizes(); });
@@ -122,8 +122,9 @@ void EbpfProgSm::handleVrfConfig(const VrfName& vrfName) {
    int32_t nsMapFd = ebpfInitStatus_->params().nsMapFd;
    if (entry && loaded) {
       NsInode nsInodeForVrf = entry->nsInode;
-      RAVEL_ASSERT_MSG(!!nsInodeForVrf,
-                       fmt::format("trying to program invalid nsInode for vrf {}", vrfName).c_str());
+      RAVEL_ASSERT_MSG(
+          !!nsInodeForVrf,
+          fmt::format("trying to program invalid nsInode for vrf {}", vrfName).c_str());
       RAVEL_ASSERT_MSG(status()->afStatus.get(af()), "Unexpected, afStatus not present");
       NsInode old = vrfNameToProgrammedInode(vrfName);
       if (old == nsInodeForVrf)

@@ -38,8 +38,7 @@ const char* toString(ProcessingState s) {
    return s == ProcessingState::yield ? "yield" : "processing";
 }
 
-EbpfHandlerContext::EbpfHandlerContext(Ptr<ErrorResponderStats> stats)
-    : stats_(std::move(stats)) {
+EbpfHandlerContext::EbpfHandlerContext(Ptr<ErrorResponderStats> stats) : stats_(std::move(stats)) {
    RAVEL_ASSERT(stats_);
 }
 
@@ -75,7 +74,8 @@ void dumpConfig(DumpContext& ctx, int indent, const Config& c) {
 void dumpStatus(DumpContext& ctx, int indent, const Status& s) {
    RAVEL_DUMP(ctx, indent, "ErrorResponder::Status %s\n", displayPtr(&s).c_str());
    int in = indent + 2;
-   RAVEL_DUMP(ctx, in, "nsInodeConflict=%llu\n", static_cast<unsigned long long>(s.nsInodeConflict));
+   RAVEL_DUMP(ctx, in, "nsInodeConflict=%llu\n",
+              static_cast<unsigned long long>(s.nsInodeConflict));
    RAVEL_DUMP(ctx, in, "ebpfLoadFailed=%llu\n", static_cast<unsigned long long>(s.ebpfLoadFailed));
    RAVEL_DUMP(ctx, in, "afStatus[] %d\n", static_cast<int>(s.afStatus.size()));
    for (auto& [af, a] : s.afStatus) {
