@@ -3,8 +3,10 @@
 // Configuration and kernel-program parameters of the extended ICMP error responder
 // (RFC 4884 extension structures carrying RFC 5837 interface and node information).
 
+#include <array>
 #include <cstdint>
 #include <iosfwd>
+#include <map>
 #include <string>
 
 #include "platform/store/Entity.h"
@@ -56,6 +58,93 @@ class Config : public Entity {
    Collection<VrfName, Ptr<VrfConfig>> vrfConfig;
 };
 
+// Per-family counters of the records the kernel programs hand over.
+enum class AfCounterId : uint8_t {
+   ringBufQueued = 0,  // the kernel's own count, refreshed at each sync
+   pktInfoReceived = 1,
+   ringBufDropped = 2,  // the kernel's own count, refreshed at each sync
+   invalidDataSize = 3,
+   insufficientDataLen = 4,
+   nsValidationFailed = 5,
+   pktInfoProcessed = 6,
+};
+constexpr size_t kAfCounterCount = 7;
+const char* toString(AfCounterId id);
+
+// Per-VRF counters of the errors the responder sends.
+enum class VrfCounterId : uint8_t {
+   replyAttempted = 0,
+   pamNotFound = 1,
+   rfc792ErrorSent = 2,
+   extendedErrorSent = 3,
+   replySendFailed = 4,
+};
+constexpr size_t kVrfCounterCount = 5;
+const char* toString(VrfCounterId id);
+
+// Published counters of one VRF whose namespace is in a family's kernel filter.
+class VrfStatus : public Node {
+ public:
+   explicit VrfStatus(VrfName n) : vrfName(std::move(n)) {}
+   const VrfName vrfName;
+   std::map<VrfCounterId, uint64_t> vrfCounter;
+   void vrfCounterIs(VrfCounterId id, uint64_t v) { vrfCounter[id] = v; }
+   void vrfCounterDelAll() { vrfCounter.clear(); }
+   uint64_t counter(VrfCounterId id) const {
+      auto it = vrfCounter.find(id);
+      return it == vrfCounter.end() ? 0 : it->second;
+   }
+};
+
+// One family whose kernel program is loaded.
+class AfStatus : public Node {
+ public:
+   explicit AfStatus(AddressFamily a) : af(a) {}
+   const AddressFamily af;
+   std::map<AfCounterId, uint64_t> afCounter;
+   Collection<VrfName, Ptr<VrfStatus>> vrfStatus;
+   void afCounterIs(AfCounterId id, uint64_t v) { afCounter[id] = v; }
+   void afCounterDelAll() { afCounter.clear(); }
+   uint64_t counter(AfCounterId id) const {
+      auto it = afCounter.find(id);
+      return it == afCounter.end() ? 0 : it->second;
+   }
+   Ptr<VrfStatus> vrfStatusIs(const VrfName& n) {
+      auto v = vrfStatus.get(n);
+      if (!v) {
+         v = make<VrfStatus>(n);
+         vrfStatus.is(n, v);
+      }
+      return v;
+   }
+   void vrfStatusDel(const VrfName& n) { vrfStatus.del(n); }
+};
+
+// "icmp/errorResponder/status". Counters are plain values: readers poll them.
+class Status : public Entity {
+   RAVEL_ENTITY_TYPE(Status, "Icmp::ErrorResponder::Status")
+ public:
+   Collection<AddressFamily, Ptr<AfStatus>> afStatus;
+   Ptr<AfStatus> afStatusIs(AddressFamily af) {
+      auto s = afStatus.get(af);
+      if (!s) {
+         s = make<AfStatus>(af);
+         afStatus.is(af, s);
+      }
+      return s;
+   }
+   void afStatusDel(AddressFamily af) { afStatus.del(af); }
+   void afStatusDelAll() { afStatus.delAll(); }
+
+   // VRFs refused because their namespace inode already belongs to another enabled VRF (two
+   // names for one namespace): the kernel filter can only map an inode to one VRF.
+   uint64_t nsInodeConflict = 0;
+   void nsInodeConflictInc() { ++nsInodeConflict; }
+   // Kernel program loads that failed; the family stays unloaded until the next VRF change.
+   uint64_t ebpfLoadFailed = 0;
+   void ebpfLoadFailedInc() { ++ebpfLoadFailed; }
+};
+
 class EbpfVrfConfigEntry : public Node {
  public:
    EbpfVrfConfigEntry(VrfName n, NsInode i) : vrfName(std::move(n)), nsInode(i) {}
@@ -95,3 +184,16 @@ class EbpfConfig : public Entity {
 
 RAVEL_STR_FORMATTER(Ravel::ErrorResponder::TriState);
 RAVEL_STR_FORMATTER(Ravel::ErrorResponder::NodeIdVrfConfig);
+
+template <>
+struct fmt::formatter<Ravel::ErrorResponder::AfCounterId> : fmt::formatter<std::string_view> {
+   auto format(Ravel::ErrorResponder::AfCounterId v, format_context& ctx) const {
+      return fmt::formatter<std::string_view>::format(Ravel::ErrorResponder::toString(v), ctx);
+   }
+};
+template <>
+struct fmt::formatter<Ravel::ErrorResponder::VrfCounterId> : fmt::formatter<std::string_view> {
+   auto format(Ravel::ErrorResponder::VrfCounterId v, format_context& ctx) const {
+      return fmt::formatter<std::string_view>::format(Ravel::ErrorResponder::toString(v), ctx);
+   }
+};

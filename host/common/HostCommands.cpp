@@ -7,6 +7,7 @@
 #include <fmt/format.h>
 #include <nlohmann/json.hpp>
 
+#include "error/ErrorResponderSchema.h"
 #include "host/common/Daemon.h"
 #include "platform/store/NetSchema.h"
 #include "probe/ProbeSchema.h"
@@ -18,6 +19,7 @@ ShowCallback::ShowCallback(Daemon& daemon)
    handlerIs("status", [this](int fd, bool json) { showStatus(fd, json); });
    handlerIs("probe", [this](int fd, bool json) { showProbe(fd, json); });
    handlerIs("state", [this](int fd, bool json) { showState(fd, json); });
+   handlerIs("errors", [this](int fd, bool json) { showErrors(fd, json); });
    handlerIs("config", [this](int fd, bool) {
       auto* c = daemon_.configService();
       std::string out = c ? renderConfig(c->config()) : std::string("# no configuration\n");
@@ -178,6 +180,61 @@ void ShowCallback::showProbe(int fd, bool json) {
          }
       }
    }
+   writeAll(fd, out);
+}
+
+// The error responder as published: per family whether its program is loaded, its counters,
+// and the VRFs programmed into it with their namespace inodes.
+void ShowCallback::showErrors(int fd, bool json) {
+   using namespace ErrorResponder;
+   auto em = daemon_.entityManager();
+   auto status = em->entityAs<Status>("icmp/errorResponder/status");
+   auto ebpf = em->entityAs<EbpfConfig>("icmp/errorResponder/ebpfConfig");
+   nlohmann::json j;
+   j["nsInodeConflict"] = status ? status->nsInodeConflict : 0;
+   j["ebpfLoadFailed"] = status ? status->ebpfLoadFailed : 0;
+   j["families"] = nlohmann::json::object();
+   for (AddressFamily af : {AddressFamily::ipv4, AddressFamily::ipv6}) {
+      auto a = status ? status->afStatus.get(af) : nullptr;
+      nlohmann::json f = {{"loaded", bool(a)}};
+      nlohmann::json counters = nlohmann::json::object();
+      nlohmann::json vrfs = nlohmann::json::object();
+      if (a) {
+         for (size_t i = 0; i < kAfCounterCount; ++i) {
+            auto id = static_cast<AfCounterId>(i);
+            counters[toString(id)] = a->counter(id);
+         }
+         for (auto& [name, v] : a->vrfStatus) {
+            nlohmann::json vc = nlohmann::json::object();
+            for (size_t i = 0; i < kVrfCounterCount; ++i) {
+               auto id = static_cast<VrfCounterId>(i);
+               vc[toString(id)] = v->counter(id);
+            }
+            auto e = ebpf ? ebpf->entry.get(name) : nullptr;
+            vrfs[name.str()] = {{"nsInode", e ? e->nsInode : 0}, {"counters", vc}};
+         }
+      }
+      f["counters"] = counters;
+      f["vrfs"] = vrfs;
+      j["families"][toString(af)] = f;
+   }
+   if (json) {
+      writeAll(fd, j.dump(2) + "\n");
+      return;
+   }
+   std::string out;
+   for (auto& [af, f] : j["families"].items()) {
+      out += fmt::format("{} program {}\n", af, f["loaded"].get<bool>() ? "loaded" : "not loaded");
+      for (auto& [k, v] : f["counters"].items())
+         out += fmt::format("  {} {}\n", k, v.dump());
+      for (auto& [vrf, v] : f["vrfs"].items()) {
+         out += fmt::format("  vrf {} nsInode {}\n", vrf, v["nsInode"].dump());
+         for (auto& [k, n] : v["counters"].items())
+            out += fmt::format("    {} {}\n", k, n.dump());
+      }
+   }
+   out += fmt::format("nsInodeConflict {}\nebpfLoadFailed {}\n", j["nsInodeConflict"].dump(),
+                      j["ebpfLoadFailed"].dump());
    writeAll(fd, out);
 }
 

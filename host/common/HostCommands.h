@@ -22,6 +22,7 @@ class ShowCallback : public AgentCommandCallback {
    void showStatus(int fd, bool json);
    void showProbe(int fd, bool json);
    void showState(int fd, bool json);
+   void showErrors(int fd, bool json);
    Daemon& daemon_;
    std::map<std::string, Handler> handlers_;
 };

@@ -1,0 +1,38 @@
+#pragma once
+
+// The loader of the error responder's kernel probe programs, as the control state machines see
+// it. Only implementations of this interface touch libbpf.
+
+#include <cstdint>
+
+#include "error/ErrorResponderTypes.h"
+
+namespace Ravel::ErrorResponder {
+
+// One record taken out of a ring buffer, valid only while the callback that made it runs.
+class EBPFIcmpPacketInfoBase : public Node {
+ public:
+   virtual uint32_t ifIndex() const = 0;
+   virtual const void* data() const = 0;
+};
+
+class EbpfHelperBase : public Node {
+ public:
+   // Empty parameters when the program could not be loaded; the loader has reported why.
+   virtual EbpfInitParams loadProgram(const Ptr<EbpfConfig>& ebpfConfig,
+                                      const Ptr<EbpfHandlerContext>& ctx) = 0;
+   virtual void unloadProgram(const EbpfInitParams& params) = 0;
+   virtual void addToVrfMap(int32_t mapFd, NsInode nsInode) = 0;
+   virtual void removeFromVrfMap(int32_t mapFd, NsInode nsInode) = 0;
+   virtual void afterUnload() = 0;
+   virtual void dumpState(DumpContext&, int) const {}
+};
+
+// The kernel loaders of each family.
+Ptr<EbpfHelperBase> ebpfIpv4HelperFactory();
+Ptr<EbpfHelperBase> ebpfIpv6HelperFactory();
+
+// Signature of the substitute loader's factory ("ebpfTestHelperFactory").
+using EbpfTestHelperFactoryFn = Ptr<EbpfHelperBase> (*)();
+
+}  // namespace Ravel::ErrorResponder

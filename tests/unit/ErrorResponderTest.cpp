@@ -1,0 +1,517 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <map>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "error/ErrorResponderAgent.h"
+
+namespace Ravel::ErrorResponder {
+namespace {
+
+// A loader that keeps each loaded program's namespace filter in memory and logs its calls.
+class FakeHelper : public EbpfHelperBase {
+ public:
+   EbpfInitParams loadProgram(const Ptr<EbpfConfig>&, const Ptr<EbpfHandlerContext>&) override {
+      log.push_back("load");
+      if (failLoads)
+         return {};
+      EbpfInitParams p;
+      p.ringBufFd = nextFd++;
+      p.nsMapFd = nextFd++;
+      p.statsMapFd = nextFd++;
+      maps[p.nsMapFd];
+      return p;
+   }
+   void unloadProgram(const EbpfInitParams& p) override {
+      log.push_back("unload");
+      maps.erase(p.nsMapFd);
+   }
+   void addToVrfMap(int32_t fd, NsInode i) override {
+      log.push_back("add " + std::to_string(i));
+      ASSERT_TRUE(maps.count(fd));
+      maps[fd].insert(i);
+   }
+   void removeFromVrfMap(int32_t fd, NsInode i) override {
+      log.push_back("remove " + std::to_string(i));
+      ASSERT_TRUE(maps.count(fd));
+      maps[fd].erase(i);
+   }
+   void afterUnload() override { log.push_back("afterUnload"); }
+
+   // The calls since the last look, afterUnload left out unless asked for.
+   std::vector<std::string> take(bool withAfterUnload = false) {
+      std::vector<std::string> out;
+      for (auto& s : log) {
+         if (withAfterUnload || s != "afterUnload")
+            out.push_back(s);
+      }
+      log.clear();
+      return out;
+   }
+   std::set<NsInode> onlyMap() const {
+      return maps.size() == 1 ? maps.begin()->second : std::set<NsInode>{};
+   }
+
+   std::vector<std::string> log;
+   std::map<int32_t, std::set<NsInode>> maps;
+   bool failLoads = false;
+   int32_t nextFd = 10;
+};
+
+using Strings = std::vector<std::string>;
+constexpr AddressFamily kV4 = AddressFamily::ipv4;
+constexpr AddressFamily kV6 = AddressFamily::ipv6;
+
+struct ErrorResponderTest : ::testing::Test {
+   std::shared_ptr<SimulatedClock> clock = std::make_shared<SimulatedClock>();
+   Scheduler sched{clock};
+   ScopedDefaultScheduler scoped{sched};
+   Ptr<Config> config = make<Config>();
+   Ptr<AllVrfStatusLocal> vrfs = make<AllVrfStatusLocal>();
+   Ptr<EbpfConfig> ebpf = make<EbpfConfig>();
+   Ptr<Status> status = make<Status>();
+   Ptr<PamConfig> pamConfig = make<PamConfig>();
+   Ptr<FakeHelper> v4 = make<FakeHelper>();
+   Ptr<FakeHelper> v6 = make<FakeHelper>();
+   Ptr<RootSm> root;
+
+   RootSmInputs inputs() {
+      return {make<AllIntfStatusDir>(),
+              make<AllIntfStatusLocalDir>(),
+              make<KniNsStatus>(),
+              make<IpStatus>(),
+              make<Ip6Status>(),
+              vrfs,
+              make<AclInput>(),
+              make<AclConfig>(),
+              ebpf,
+              config,
+              pamConfig,
+              status,
+              make<PamCollection>(),
+              make<EntityManager>()};
+   }
+   void start() {
+      root = make<RootSm>(inputs(), [this](RootSm& r) {
+         r.v4EbpfHelperIs(v4);
+         r.v6EbpfHelperIs(v6);
+      });
+   }
+   ~ErrorResponderTest() override {
+      root.reset();
+      unsetenv("MOCK_EBPF_HELPER");
+   }
+
+   // A namespace appears (or changes) for `name`.
+   void nsUp(const std::string& name, NsInode inode) {
+      auto s = vrfs->vrf.get(VrfName(name));
+      if (!s) {
+         s = make<VrfStatusLocal>(VrfName(name));
+         s->state.set(VrfState::active);
+         s->nsInodeValid.set(true);
+         s->nsInode.set(inode);
+         vrfs->vrf.is(VrfName(name), s);
+      } else {
+         s->nsInode.set(inode);
+      }
+      check();
+   }
+   void nsDown(const std::string& name) {
+      vrfs->vrf.del(VrfName(name));
+      check();
+   }
+   void configure(const std::string& name, TriState enabled) {
+      auto c = config->vrfConfig.get(VrfName(name));
+      if (!c) {
+         c = make<VrfConfig>(VrfName(name));
+         c->enabled.set(enabled);
+         config->vrfConfig.is(VrfName(name), c);
+      } else {
+         c->enabled.set(enabled);
+      }
+      check();
+   }
+   void unconfigure(const std::string& name) {
+      config->vrfConfig.del(VrfName(name));
+      check();
+   }
+
+   // Forward and reverse maps agree, and each family's programmed namespaces follow them.
+   void check() {
+      for (auto& [name, e] : ebpf->entry) {
+         ASSERT_NE(e->nsInode, 0u);
+         ASSERT_EQ(ebpf->entryByInode.get(e->nsInode), e) << name.str();
+      }
+      ASSERT_EQ(ebpf->entryByInode.size(), ebpf->entry.size());
+      if (!root)
+         return;
+      for (AddressFamily af : {kV4, kV6}) {
+         bool loaded = root->ebpfInitStatus(af)->ebpfProgLoaded();
+         ASSERT_EQ(bool(status->afStatus.get(af)), loaded);
+         if (!loaded) {
+            ASSERT_TRUE(root->ebpfVrfStatus(af)->enabledInode().empty());
+            continue;
+         }
+         std::set<NsInode> want;
+         for (auto& [name, e] : ebpf->entry)
+            want.insert(e->nsInode);
+         ASSERT_EQ(root->ebpfVrfStatus(af)->enabledInode(), want);
+         auto& helper = af == kV4 ? v4 : v6;
+         if (root->v4EbpfHelper().get() == v4.get()) {
+            ASSERT_EQ(helper->onlyMap(), want);
+         }
+         ASSERT_EQ(status->afStatus.get(af)->vrfStatus.size(), ebpf->entry.size());
+      }
+   }
+   std::map<std::string, NsInode> entries() const {
+      std::map<std::string, NsInode> m;
+      for (auto& [name, e] : ebpf->entry)
+         m[name.str()] = e->nsInode;
+      return m;
+   }
+   bool loaded(AddressFamily af) const { return bool(status->afStatus.get(af)); }
+};
+
+TEST_F(ErrorResponderTest, FirstVrfLoadsBothFamiliesLastUnloadsThem) {
+   start();
+   EXPECT_FALSE(loaded(kV4) || loaded(kV6));
+   nsUp("red", 101);
+   nsUp("blue", 102);
+   EXPECT_TRUE(v4->take().empty());
+   configure("red", TriState::of(true));
+   EXPECT_EQ(v4->take(), (Strings{"load", "add 101"}));
+   EXPECT_EQ(v6->take(), (Strings{"load", "add 101"}));
+   EXPECT_TRUE(loaded(kV4) && loaded(kV6));
+   configure("blue", TriState::of(true));
+   EXPECT_EQ(v4->take(), (Strings{"add 102"}));
+   EXPECT_EQ(v6->take(), (Strings{"add 102"}));
+   unconfigure("red");
+   EXPECT_EQ(v4->take(), (Strings{"remove 101"}));
+   EXPECT_EQ(v6->take(), (Strings{"remove 101"}));
+   EXPECT_FALSE(status->afStatus.get(kV4)->vrfStatus.has(VrfName("red")));
+   nsDown("blue");  // the last entry goes with blue's namespace
+   EXPECT_EQ(v4->take(true), (Strings{"unload", "afterUnload"}));
+   EXPECT_EQ(v6->take(), (Strings{"unload"}));
+   EXPECT_FALSE(loaded(kV4) || loaded(kV6));
+   EXPECT_FALSE(root->errorResponderStats()->errorResponderAfStats(kV4));
+   EXPECT_EQ(pamConfig->vrf.size(), 1u);  // blue is still configured
+}
+
+TEST_F(ErrorResponderTest, NamespaceRecreatedWithNewInode) {
+   start();
+   nsUp("red", 101);
+   configure("red", TriState::of(true));
+   v4->take();
+   // The only entry goes away before it returns, so the programs are reloaded.
+   nsUp("red", 201);
+   EXPECT_EQ(entries(), (std::map<std::string, NsInode>{{"red", 201}}));
+   EXPECT_EQ(v4->take(), (Strings{"unload", "load", "add 201"}));
+   // With a second VRF enabled the programs stay and only the inode moves.
+   nsUp("blue", 102);
+   configure("blue", TriState::unset());  // unset follows the global bit: off
+   EXPECT_TRUE(v4->take().empty());
+   config->enabled.set(TriState::of(true));
+   check();
+   v4->take();
+   nsUp("red", 301);
+   EXPECT_EQ(v4->take(), (Strings{"remove 201", "add 301"}));
+   // The namespace goes: the entry goes, the VRF's state machine stays for its configuration.
+   vrfs->vrf.get(VrfName("red"))->state.set(VrfState::inactive);
+   check();
+   EXPECT_EQ(v4->take(), (Strings{"remove 301"}));
+   EXPECT_TRUE(root->configSm()->vrfConfigSm(VrfName("red")));
+}
+
+TEST_F(ErrorResponderTest, InodeChangeSeenAsOneNotificationUnprogramsTheStaleInode) {
+   auto stats = make<ErrorResponderStats>();
+   auto initStatus = make<EbpfInitStatus>(kV4);
+   auto vrfStatus = make<EbpfVrfStatus>();
+   auto prog = make<EbpfProgSm>(kV4, ebpf, initStatus, vrfStatus, status,
+                                make<EbpfHandlerContext>(stats), v4, stats);
+   auto e = ebpf->entryIs(VrfName("red"), 101);
+   ebpf->entryByInodeIs(101, e);
+   EXPECT_EQ(v4->take(), (Strings{"load", "add 101"}));
+   ebpf->entryByInodeDel(101);
+   ebpf->entryByInodeIs(102, ebpf->entryIs(VrfName("red"), 102));  // replaces in place
+   EXPECT_EQ(v4->take(), (Strings{"remove 101", "add 102"}));
+   EXPECT_EQ(vrfStatus->enabledInode(), (std::set<NsInode>{102}));
+   EXPECT_EQ(prog->vrfNameToProgrammedInode(VrfName("red")), 102u);
+   // Deleting the state machine unloads the program and forgets every namespace.
+   prog.reset();
+   EXPECT_EQ(v4->take(), (Strings{"unload"}));
+   EXPECT_FALSE(initStatus->ebpfProgLoaded());
+   EXPECT_TRUE(vrfStatus->enabledInode().empty());
+   EXPECT_FALSE(status->afStatus.get(kV4));
+}
+
+TEST_F(ErrorResponderTest, EntriesLeftByAnEarlierRunAreRevisitedAtStartUp) {
+   nsUp("red", 101);
+   configure("red", TriState::of(true));
+   for (auto [name, inode] : {std::pair{"red", 101}, {"gone", 555}, {"stale", 777}}) {
+      auto e = ebpf->entryIs(VrfName(name), inode);
+      ebpf->entryByInodeIs(inode, e);
+   }
+   nsUp("stale", 778);  // still exists, now with another namespace, not enabled
+   auto leftOver = make<AfStatus>(kV4);
+   status->afStatus.is(kV4, leftOver);
+   start();
+   check();
+   EXPECT_EQ(entries(), (std::map<std::string, NsInode>{{"red", 101}}));
+   EXPECT_EQ(v4->take(), (Strings{"load", "add 101"}));
+   EXPECT_NE(status->afStatus.get(kV4), leftOver);
+}
+
+TEST_F(ErrorResponderTest, EnabledStateFollowsVrfThenGlobalSetting) {
+   struct Case {
+      TriState global, vrf;
+      bool entry;
+   };
+   const auto unset = TriState::unset(), on = TriState::of(true), off = TriState::of(false);
+   for (auto c : {Case{unset, unset, false}, Case{unset, on, true}, Case{unset, off, false},
+                  Case{on, unset, true}, Case{on, off, false}, Case{off, on, false},
+                  Case{off, unset, false}}) {
+      SCOPED_TRACE(std::string(c.global.str()) + "/" + c.vrf.str());
+      config = make<Config>();
+      vrfs = make<AllVrfStatusLocal>();
+      ebpf = make<EbpfConfig>();
+      config->enabled.set(c.global);
+      auto vc = make<VrfConfig>(VrfName("red"));
+      vc->enabled.set(c.vrf);
+      config->vrfConfig.is(VrfName("red"), vc);
+      nsUp("red", 101);
+      auto sm = make<ConfigSm>(config, vrfs, ebpf, status, true);
+      EXPECT_EQ(ebpf->entry.has(VrfName("red")), c.entry);
+      // The default VRF has no configuration: it follows the global bit alone.
+      EXPECT_EQ(ebpf->entry.has(VrfName::defaultVrf()), c.global.isSet && c.global.value);
+      EXPECT_EQ(bool(sm->vrfConfigSm(VrfName("red"))), !c.global.disabled());
+      sm.reset();
+      EXPECT_TRUE(ebpf->entry.empty());
+   }
+}
+
+TEST_F(ErrorResponderTest, ToggleOffLeavesOnlyTheDefaultVrf) {
+   config->enabled.set(TriState::of(true));
+   nsUp("red", 101);
+   configure("red", TriState::of(true));
+   auto sm = make<ConfigSm>(config, vrfs, ebpf, status, false);
+   EXPECT_FALSE(sm->vrfConfigSm(VrfName("red")));
+   EXPECT_TRUE(sm->vrfConfigSm(VrfName::defaultVrf()));
+   EXPECT_EQ(entries().size(), 1u);
+   EXPECT_TRUE(ebpf->entry.has(VrfName::defaultVrf()));
+}
+
+TEST_F(ErrorResponderTest, GlobalDisableRemovesEverythingAndReenableRestoresIt) {
+   start();
+   config->enabled.set(TriState::of(true));
+   nsUp("red", 101);
+   configure("red", TriState::unset());
+   EXPECT_EQ(entries().size(), 2u);  // red and the default VRF
+   v4->take();
+   config->enabled.set(TriState::of(false));
+   check();
+   EXPECT_TRUE(ebpf->entry.empty());
+   EXPECT_TRUE(root->configSm()->vrfConfigSm().empty());
+   EXPECT_EQ(v4->take().back(), "unload");
+   EXPECT_FALSE(loaded(kV4));
+   config->enabled.set(TriState::unset());  // back, but unset enables nothing by itself
+   check();
+   EXPECT_EQ(root->configSm()->vrfConfigSm().size(), 2u);
+   EXPECT_TRUE(ebpf->entry.empty());
+   config->enabled.set(TriState::of(true));
+   check();
+   EXPECT_EQ(entries().size(), 2u);
+   EXPECT_TRUE(loaded(kV4) && loaded(kV6));
+}
+
+TEST_F(ErrorResponderTest, SecondVrfWithTheSameInodeIsRefusedUntilTheFirstLetsGo) {
+   start();
+   nsUp("red", 101);
+   nsUp("alias", 101);  // two names bound to one namespace
+   configure("red", TriState::of(true));
+   configure("alias", TriState::of(true));
+   EXPECT_EQ(entries(), (std::map<std::string, NsInode>{{"red", 101}}));
+   EXPECT_EQ(status->nsInodeConflict, 1u);
+   EXPECT_EQ(root->configSm()->vrfConfigSm(VrfName("alias"))->refusedInode(), 101u);
+   // Re-evaluating the refused VRF does not count again.
+   root->configSm()->vrfConfigSm(VrfName("alias"))->handleConfig();
+   EXPECT_EQ(status->nsInodeConflict, 1u);
+   EXPECT_EQ(v4->take(), (Strings{"load", "add 101"}));
+   unconfigure("red");
+   sched.runUntilIdle();
+   check();
+   EXPECT_EQ(entries(), (std::map<std::string, NsInode>{{"alias", 101}}));
+   EXPECT_EQ(root->configSm()->vrfConfigSm(VrfName("alias"))->refusedInode(), 0u);
+   EXPECT_EQ(v4->take(), (Strings{"unload", "load", "add 101"}));
+}
+
+TEST_F(ErrorResponderTest, FailedLoadLeavesTheFamilyUnloadedUntilTheSizesChange) {
+   v4->failLoads = true;
+   start();
+   nsUp("red", 101);
+   configure("red", TriState::of(true));
+   nsUp("blue", 102);
+   configure("blue", TriState::of(true));
+   EXPECT_EQ(v4->take(), (Strings{"load"}));  // once, not per VRF
+   EXPECT_FALSE(loaded(kV4));
+   EXPECT_TRUE(loaded(kV6));
+   EXPECT_EQ(status->ebpfLoadFailed, 1u);
+   v4->failLoads = false;
+   ebpf->ringBufSz.set(1 << 20);
+   check();
+   EXPECT_EQ(v4->take(), (Strings{"load", "add 102", "add 101"}));  // in name order
+   EXPECT_TRUE(loaded(kV4));
+}
+
+TEST_F(ErrorResponderTest, PamsAreRequestedForEveryConfiguredVrf) {
+   start();
+   configure("red", TriState::of(false));
+   configure("red", TriState::of(true));
+   EXPECT_EQ(pamConfig->vrf.size(), 1u);
+   EXPECT_TRUE(pamConfig->vrfHas(VrfName("red")));
+   unconfigure("red");
+   EXPECT_TRUE(pamConfig->vrf.empty());
+}
+
+TEST_F(ErrorResponderTest, SubstituteLoaderIsSharedByBothFamilies) {
+   setenv("MOCK_EBPF_HELPER", "1", 1);
+   root = make<RootSm>(inputs());
+   EXPECT_TRUE(root->mockEbpfEnvironment());
+   EXPECT_EQ(root->v4EbpfHelper(), root->v6EbpfHelper());
+   nsUp("red", 101);
+   configure("red", TriState::of(true));
+   EXPECT_TRUE(loaded(kV4) && loaded(kV6));
+   EXPECT_GT(root->ebpfInitStatus(kV4)->params().nsMapFd, 0);
+   configure("red", TriState::of(false));
+   EXPECT_FALSE(loaded(kV4) || loaded(kV6));
+}
+
+TEST_F(ErrorResponderTest, CountersReachStatusOnceASecondAfterTheFirstChange) {
+   start();
+   nsUp("red", 101);
+   configure("red", TriState::of(true));
+   auto stats = root->errorResponderStats();
+   auto& poll = *root->pollCounterSm();
+   sched.runUntilIdle();
+   uint64_t syncs = poll.syncCount();
+   auto v4Status = status->afStatus.get(kV4);
+   EXPECT_TRUE(stats->incrAfCounter(kV4, AfCounterId::pktInfoReceived));
+   sched.advance(0.5);
+   EXPECT_TRUE(stats->incrAfCounter(kV4, AfCounterId::pktInfoReceived));
+   EXPECT_TRUE(stats->incrVrfCounter(kV4, VrfName("red"), VrfCounterId::extendedErrorSent));
+   sched.advance(0.25);
+   EXPECT_EQ(v4Status->counter(AfCounterId::pktInfoReceived), 0u);
+   sched.advance(0.25);
+   EXPECT_EQ(v4Status->counter(AfCounterId::pktInfoReceived), 2u);
+   auto red = v4Status->vrfStatus.get(VrfName("red"));
+   EXPECT_EQ(red->counter(VrfCounterId::extendedErrorSent), 1u);
+   EXPECT_EQ(poll.syncCount(), syncs + 1);
+   EXPECT_FALSE(stats->pendingSync());
+   // Nothing changed: no sync.
+   sched.advance(5);
+   EXPECT_EQ(poll.syncCount(), syncs + 1);
+
+   // Absent families and VRFs count nothing and arm nothing.
+   configure("red", TriState::of(false));
+   EXPECT_FALSE(stats->incrAfCounter(kV6, AfCounterId::pktInfoReceived));
+   EXPECT_FALSE(stats->updateAfCounter(kV4, AfCounterId::ringBufQueued, 3));
+   EXPECT_FALSE(stats->incrVrfCounter(kV4, VrfName("red"), VrfCounterId::replyAttempted));
+   EXPECT_FALSE(stats->pendingSync());
+   EXPECT_FALSE(stats->errorResponderAfStats(kV6));
+}
+
+TEST_F(ErrorResponderTest, ClearZeroesRecordAndStatusAndDestroyStopsSyncs) {
+   start();
+   nsUp("red", 101);
+   configure("red", TriState::of(true));
+   auto stats = root->errorResponderStats();
+   auto& poll = *root->pollCounterSm();
+   for (AddressFamily af : {kV4, kV6}) {
+      stats->incrAfCounter(af, AfCounterId::pktInfoProcessed);
+      stats->incrVrfCounter(af, VrfName("red"), VrfCounterId::replyAttempted);
+   }
+   sched.advance(1);
+   EXPECT_EQ(status->afStatus.get(kV6)->counter(AfCounterId::pktInfoProcessed), 1u);
+   bool kernelCleared = false;
+   auto sub = stats->subscribeClearEbpfStats([&] { kernelCleared |= stats->clearEbpfStats(); });
+   poll.clear();
+   EXPECT_TRUE(kernelCleared);
+   EXPECT_EQ(poll.clearedCount(), 1u);
+   for (AddressFamily af : {kV4, kV6}) {
+      auto afStats = stats->errorResponderAfStats(af);
+      EXPECT_EQ(afStats->counter(AfCounterId::pktInfoProcessed), 0u);
+      EXPECT_EQ(
+          afStats->errorResponderVrfStats(VrfName("red"))->counter(VrfCounterId::replyAttempted),
+          0u);
+      EXPECT_EQ(status->afStatus.get(af)->counter(AfCounterId::pktInfoProcessed), 0u);
+      EXPECT_EQ(status->afStatus.get(af)
+                    ->vrfStatus.get(VrfName("red"))
+                    ->counter(VrfCounterId::replyAttempted),
+                0u);
+   }
+   poll.destroy();
+   stats->incrAfCounter(kV4, AfCounterId::pktInfoProcessed);
+   EXPECT_EQ(poll.syncCounterTask().currentExpirationTime(), kNever);
+}
+
+TEST(ErrorResponderCounters, WrapAndRangeErrors) {
+   ErrorResponderAfStats af(kV4);
+   af.counterIs(AfCounterId::ringBufDropped, UINT64_MAX);
+   EXPECT_EQ(af.counterInc(AfCounterId::ringBufDropped, 2), 1u);
+   EXPECT_EQ(af.counterDel(AfCounterId::ringBufDropped), 1u);
+   EXPECT_EQ(af.counter(AfCounterId::ringBufDropped), 0u);
+   struct Case {
+      std::function<void()> fn;
+      const char* message;
+   };
+   ErrorResponderVrfStats vrf(VrfName("red"));
+   ErrorResponderStats stats;
+   stats.errorResponderAfStatsIs(kV4)->errorResponderVrfStatsIs(VrfName("red"));
+   for (auto& c : std::vector<Case>{
+            {[&] { af.counterInc(static_cast<AfCounterId>(7), 1); },
+             "cannot access index 7 of an array with size 7"},
+            {[&] { vrf.counterIs(static_cast<VrfCounterId>(5), 1); },
+             "cannot access index 5 of an array with size 5"},
+            {[&] { stats.incrAfCounter(kV4, static_cast<AfCounterId>(9)); },
+             "cannot access index 9 of an array with size 7"},
+            {[&] { stats.incrVrfCounter(kV4, VrfName("red"), static_cast<VrfCounterId>(5)); },
+             "cannot access index 5 of an array with size 5"},
+        }) {
+      try {
+         c.fn();
+         ADD_FAILURE() << "no range error for " << c.message;
+      } catch (const std::out_of_range& e) {
+         EXPECT_STREQ(e.what(), c.message);
+      }
+   }
+}
+
+TEST(ErrorResponderRecords, InitParamsTruthValue) {
+   struct Case {
+      EbpfInitParams p;
+      bool loaded;
+   };
+   int dummy = 0;
+   for (auto& c : std::vector<Case>{
+            {{}, false},
+            {{nullptr, nullptr, -1, 0, 0}, false},
+            {{nullptr, nullptr, 0, 0, 0}, true},
+            {{nullptr, nullptr, 5, 0, 0}, true},
+            {{nullptr, nullptr, -1, 3, 0}, true},
+            {{nullptr, nullptr, -1, 0, 4}, true},
+            {{&dummy, nullptr, -1, 0, 0}, true},
+        }) {
+      EbpfInitStatus s(kV6);
+      EXPECT_FALSE(s.ebpfProgLoaded());
+      s.paramsIs(c.p);
+      EXPECT_EQ(s.ebpfProgLoaded(), c.loaded) << c.p.ringBufFd << " " << c.p.nsMapFd;
+      s.paramsIs({});
+      EXPECT_FALSE(s.ebpfProgLoaded());
+   }
+}
+
+}  // namespace
+}  // namespace Ravel::ErrorResponder
