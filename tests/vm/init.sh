@@ -68,6 +68,10 @@ mkdir -p $R/run/ravel-vm
 mount --bind /job $R/run/ravel-vm
 
 step filesystems mounted
+# The kernel asks for modules (nft, veth) from this root, not the command's: send it there.
+printf '#!/bin/sh\nexec chroot %s /sbin/modprobe "$@"\n' $R >/bin/modprobe-vm
+chmod 755 /bin/modprobe-vm
+echo /bin/modprobe-vm >/proc/sys/kernel/modprobe
 hostname ravel-vm
 ip link set lo up
 
