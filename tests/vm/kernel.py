@@ -122,7 +122,7 @@ def extract_vmlinux(vmlinuz, out):
     elf = lzma.LZMADecompressor(format=lzma.FORMAT_XZ).decompress(image[start:])
     if not elf.startswith(b"\x7fELF"):
         raise Unavailable(f"{vmlinuz}: payload is not an ELF image")
-    partial = out.with_suffix(".part")
+    partial = out.with_suffix(f".part{os.getpid()}")
     partial.write_bytes(elf)
     partial.rename(out)
 
@@ -163,7 +163,7 @@ def build_initramfs(kdir, kver):
         (t / "modules/order").write_text("".join(m.name + "\n" for m in mods))
         files = sorted(str(p.relative_to(t)) for p in t.rglob("*"))
         # Uncompressed: unpacking gzip under TCG costs more than reading the extra bytes.
-        partial = out.with_suffix(".part")
+        partial = out.with_suffix(f".part{os.getpid()}")
         with open(partial, "wb") as f:
             subprocess.run(["cpio", "-o", "-H", "newc", "--quiet"],
                            input="\n".join(files).encode(), stdout=f, cwd=t, check=True)
