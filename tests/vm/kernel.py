@@ -42,8 +42,17 @@ def run(*args, **kw):
     return subprocess.run([str(a) for a in args], check=True, capture_output=True, text=True, **kw)
 
 
-def resolve_package():
-    """(name, version) of the kernel package linux-image-amd64 currently depends on."""
+def apt_update():
+    log("running apt-get update")
+    try:
+        run("apt-get", "update", "-qq")
+    except (subprocess.CalledProcessError, FileNotFoundError) as e:
+        raise Unavailable(f"apt-get update failed: {getattr(e, 'stderr', e)}")
+
+
+def resolve_package(update=False):
+    """(name, version) of the kernel package linux-image-amd64 currently depends on; the apt
+    lists are updated first with update, or when they do not know the package."""
 
     def lookup():
         # The candidate meta package pins its kernel: "Depends: linux-image-X (= V)".
@@ -60,13 +69,11 @@ def resolve_package():
                     return m.group(1), m.group(2)
         return None
 
+    if update:
+        apt_update()
     found = lookup()
-    if found is None:
-        log("kernel package not in the apt lists; running apt-get update")
-        try:
-            run("apt-get", "update", "-qq")
-        except (subprocess.CalledProcessError, FileNotFoundError) as e:
-            raise Unavailable(f"apt-get update failed: {getattr(e, 'stderr', e)}")
+    if found is None and not update:
+        apt_update()
         found = lookup()
     if found is None:
         raise Unavailable(f"apt cannot resolve the package {META_PACKAGE} depends on")
@@ -191,19 +198,25 @@ def prepare(refresh=True):
             raise
         # Offline with a cached kernel: keep using it.
         name, version = cur["package"], cur["version"]
-    kdir = fetch_kernel(name, version)
+    try:
+        kdir = fetch_kernel(name, version)
+    except Unavailable as e:
+        # Stale apt lists name a version the archive has replaced.
+        log(f"{e}; trying again with fresh apt lists")
+        name, version = resolve_package(update=True)
+        kdir = fetch_kernel(name, version)
     info = json.loads((kdir / "kernel.json").read_text())
     kver = info["kver"]
     initramfs = build_initramfs(kdir, kver)
     if current() != info:
         (CACHE / "current.json").write_text(json.dumps(info) + "\n")
     return {
-         "package": name,
-         "version": version,
-         "kver": kver,
-         "vmlinux": str(kdir / "boot" / f"vmlinux-{kver}"),
-         "initramfs": str(initramfs),
-         "moddir": str(kdir / "lib/modules" / kver),
+        "package": name,
+        "version": version,
+        "kver": kver,
+        "vmlinux": str(kdir / "boot" / f"vmlinux-{kver}"),
+        "initramfs": str(initramfs),
+        "moddir": str(kdir / "lib/modules" / kver),
     }
 
 
