@@ -31,7 +31,7 @@ P9="trans=virtio,version=9p2000.L,msize=262144"
 mount -t 9p -o "$P9" ravel-job /job || die "cannot mount the job share"
 mkdir -p /job/ok
 step modules loaded, job share mounted
-# NONCE KVER MODDIR CWD_HIDDEN_BY (the tmpfs mounts to skip)
+# NONCE, KVER, MODDIR (host path of the module tree), KEEP (scratch dirs to leave as they are)
 . /job/params
 
 mkdir -p /lower /rw
