@@ -39,41 +39,43 @@ const btf_type* skipModsAndTypedefs(const struct btf* btf, uint32_t id) {
    return t;
 }
 
-// The struct a parameter points to, by name; empty when it is not a pointer to a named struct.
-std::string pointeeStruct(const struct btf* btf, uint32_t typeId) {
+// What a parameter points to: `name` is the struct's name; `untyped` is set for void * and
+// pointers to anonymous structs, whose type says nothing.
+struct Pointee {
+   bool untyped = false;
+   std::string name;
+};
+
+Pointee pointeeOf(const struct btf* btf, uint32_t typeId) {
    const btf_type* t = skipModsAndTypedefs(btf, typeId);
    if (!t || !btf_is_ptr(t))
       return {};
+   if (t->type == 0)
+      return {true, {}};
    t = skipModsAndTypedefs(btf, t->type);
    if (!t || !(btf_is_composite(t) || btf_is_fwd(t)))
       return {};
    const char* name = btf__name_by_offset(btf, t->name_off);
-   return name ? name : "";
+   if (!name || !*name)
+      return {true, {}};
+   return {false, name};
 }
 
-// Types decide; names only where the type says nothing (void *, anonymous structs).
+// Types decide; names only where the type says nothing.
 Role roleOf(const struct btf* btf, const btf_param& param) {
-   const std::string pointee = pointeeStruct(btf, param.type);
-   if (!pointee.empty()) {
-      if (pointee == "sock")
-         return Role::sock;
-      if (pointee == "icmp_bxm")
-         return Role::icmpParam;
-      if (pointee == "flowi4")
-         return Role::fl4;
-      if (pointee == "ipcm_cookie")
-         return Role::cookie;
-      return Role::other;
+   const Pointee pointee = pointeeOf(btf, param.type);
+   std::string name = pointee.name;
+   if (pointee.untyped) {
+      const char* n = btf__name_by_offset(btf, param.name_off);
+      name = n ? n : "";
    }
-   const char* n = btf__name_by_offset(btf, param.name_off);
-   const std::string name = n ? n : "";
-   if (name == "sk")
+   if (name == "sock" || (pointee.untyped && name == "sk"))
       return Role::sock;
-   if (name == "icmp_param")
+   if (name == "icmp_bxm" || (pointee.untyped && name == "icmp_param"))
       return Role::icmpParam;
-   if (name == "fl4")
+   if (name == "flowi4" || (pointee.untyped && name == "fl4"))
       return Role::fl4;
-   if (name == "ipc")
+   if (name == "ipcm_cookie" || (pointee.untyped && name == "ipc"))
       return Role::cookie;
    return Role::other;
 }
