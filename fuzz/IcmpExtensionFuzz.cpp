@@ -7,6 +7,8 @@
 #include <cstdio>
 #include <cstdlib>
 
+#include "platform/Checksum.h"
+#include "platform/PacketHeaders.h"
 #include "wire/IcmpExtension.h"
 
 using namespace Ravel;
@@ -50,11 +52,32 @@ IpGenAddr pickAddr(FuzzedDataProvider& in) {
    }
 }
 
+// Makes the checksums right so that arbitrary objects get past them: random bytes almost never
+// sum correctly.
+void sealChecksums(std::vector<uint8_t>& m, AddressFamily af) {
+   if (m.size() < 8)
+      return;
+   bool v6 = af == AddressFamily::ipv6;
+   size_t extnAt = 8 + size_t{v6 ? m[4] : m[5]} * (v6 ? 8 : 4);
+   if (extnAt + 4 <= m.size()) {
+      std::span<uint8_t> extn = std::span(m).subspan(extnAt);
+      store16(extn, 2, 0);
+      store16(extn, 2, internetChecksum(extn));
+   }
+   if (!v6) {
+      store16(m, 2, 0);
+      store16(m, 2, internetChecksum(m));
+   }
+}
+
 void parseArbitrary(FuzzedDataProvider& in) {
    IcmpParseOptions opts;
    opts.af = in.ConsumeBool() ? AddressFamily::ipv6 : AddressFamily::ipv4;
    opts.nodeIdClassNum = in.ConsumeIntegral<uint8_t>();
+   bool seal = in.ConsumeBool();
    auto bytes = in.ConsumeRemainingBytes<uint8_t>();
+   if (seal)
+      sealChecksums(bytes, opts.af);
    auto r = parseIcmpError(bytes, opts);
    check(r.msg.has_value() == (r.error == IcmpParseError::none), "result and error agree");
    if (!r)

@@ -103,9 +103,10 @@ size_t putIntfObj(std::span<uint8_t> b, size_t at, const IcmpIntfInfoObject& o) 
 }
 
 size_t putNodeObj(std::span<uint8_t> b, size_t at, const IcmpNodeIdObject& o) {
-   RAVEL_ASSERT_MSG(o.classNum != 0, "Unexpected, undefined codepoint.");
+   uint8_t codePoint = o.classNum;
+   RAVEL_ASSERT_MSG(!!codePoint, "Unexpected, undefined codepoint.");
    uint8_t cType = kHasName | (hasAddr(o.addr) ? kHasAddr : 0);
-   size_t p = putObjHdr(b, at, nodeObjLength(o), o.classNum, cType);
+   size_t p = putObjHdr(b, at, nodeObjLength(o), codePoint, cType);
    if (hasAddr(o.addr))
       p = putAddr(b, p, o.addr);
    return putName(b, p, o.hostName);
