@@ -509,8 +509,8 @@ Bytes frame(AddressFamily af, const Bytes& icmp) {
       store16(h, 4, static_cast<uint16_t>(icmp.size()));
       f.insert(f.end(), h.begin(), h.end());
       for (const char* a : {kV6Src, kV6Dst}) {
-         auto b = ip(a).bytes();
-         f.insert(f.end(), b.begin(), b.end());
+         IpGenAddr addr = ip(a);
+         f.insert(f.end(), addr.bytes().begin(), addr.bytes().end());
       }
    } else {
       Bytes h = hex("45000000 00000000 40010000 c0000201 c6336407");
