@@ -7,8 +7,8 @@
 #include <cstdio>
 #include <cstdlib>
 
-#include "platform/Checksum.h"
-#include "platform/PacketHeaders.h"
+#include "platform/values/Checksum.h"
+#include "platform/values/PacketHeaders.h"
 #include "wire/IcmpExtension.h"
 
 using namespace Ravel;

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 
-#include "platform/Assert.h"
-#include "platform/Checksum.h"
-#include "platform/PacketHeaders.h"
+#include "platform/core/Assert.h"
+#include "platform/values/Checksum.h"
+#include "platform/values/PacketHeaders.h"
 
 namespace Ravel {
 

@@ -11,7 +11,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/Values.h"
+#include "platform/values/Values.h"
 
 namespace Ravel {
 
@@ -81,7 +81,7 @@ struct IcmpErrorSpec {
 size_t icmpErrorLength(const IcmpErrorSpec& spec);
 // Writes the message at the start of `out`, which must hold icmpErrorLength(spec) bytes, and
 // returns its length. The IPv4 checksum is filled; the ICMPv6 one is left 0 for the raw socket
-// to fill (fillIcmp6Checksum in platform/ProbePacket.h computes it from the addresses).
+// to fill (fillIcmp6Checksum in wire/ProbePacket.h computes it from the addresses).
 size_t buildIcmpError(const IcmpErrorSpec& spec, std::span<uint8_t> out);
 std::vector<uint8_t> buildIcmpError(const IcmpErrorSpec& spec);
 

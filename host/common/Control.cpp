@@ -31,7 +31,6 @@ sockaddr_un unixAddr(const std::string& path) {
    return sa;
 }
 
-
 int msUntil(double deadlineMs, double nowMs) {
    return deadlineMs > nowMs ? static_cast<int>(deadlineMs - nowMs) : 0;
 }

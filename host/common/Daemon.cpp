@@ -221,12 +221,11 @@ void Daemon::handleControl() {
       client->task = std::make_unique<FdTask>(*scheduler_, "RavelControlClient", 2, fd,
                                               [this, fd] { handleClient(fd); });
       client->task->taskWatchReadableIs(true);
-      client->timeout = std::make_unique<TimerTask>(*scheduler_, "RavelControlTimeout", 2,
-                                                    [this, fd] {
-                                                       TRACE(1, "control client {}: no progress",
-                                                             fd);
-                                                       finishClient(fd);
-                                                    });
+      client->timeout =
+          std::make_unique<TimerTask>(*scheduler_, "RavelControlTimeout", 2, [this, fd] {
+             TRACE(1, "control client {}: no progress", fd);
+             finishClient(fd);
+          });
       client->timeout->scheduleTaskDelay(kClientTimeout);
       clients_[fd] = std::move(client);
    }

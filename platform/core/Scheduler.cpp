@@ -112,8 +112,8 @@ void FdTask::taskWatchWritableIs(bool watch) {
 }
 
 void FdTask::updateEpoll() {
-   uint32_t want = (watch_ || oneShot_ ? uint32_t{EPOLLIN} : 0u) |
-                   (watchWritable_ ? uint32_t{EPOLLOUT} : 0u);
+   uint32_t want =
+       (watch_ || oneShot_ ? uint32_t{EPOLLIN} : 0u) | (watchWritable_ ? uint32_t{EPOLLOUT} : 0u);
    if (want == events_)
       return;
    epoll_event ev{};

@@ -30,7 +30,6 @@ namespace {
 constexpr int kTaskPriority = 2;
 constexpr Seconds kReloadRetry = 1.0;
 
-
 // Keeps the calling thread in another network namespace for its lifetime.
 class EnteredNetns {
  public:

@@ -9,10 +9,10 @@
 #include <string>
 #include <vector>
 
-#include "platform/Checksum.h"
-#include "platform/PacketHeaders.h"
-#include "platform/ProbePacket.h"
+#include "platform/values/Checksum.h"
+#include "platform/values/PacketHeaders.h"
 #include "wire/IcmpExtension.h"
+#include "wire/ProbePacket.h"
 
 namespace Ravel {
 namespace {
