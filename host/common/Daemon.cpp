@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -97,6 +98,7 @@ void Daemon::start() {
       throw std::runtime_error(fmt::format("signalfd: {}", std::strerror(errno)));
    signal(SIGPIPE, SIG_IGN);
 
+   raiseOpenFilesLimit();
    listenFd_.reset(controlListen(opts_.socketPath));
    // Configuration first: a bad file stops start-up before anything else is touched.
    config_ = std::make_unique<ConfigService>(*scheduler_, em_, opts_.configFile);
@@ -116,6 +118,24 @@ void Daemon::start() {
    reaper_ =
        std::make_unique<Task>(*scheduler_, "RavelControlReaper", 2, [this] { reapClients(); });
    controlTask_->taskWatchReadableIs(true);
+}
+
+// Every VRF costs descriptors (netlink sockets, raw sockets, kernel program objects): a thousand
+// VRFs need more than the usual soft limit of 1024, so take all the hard limit allows.
+void Daemon::raiseOpenFilesLimit() {
+   rlimit lim{};
+   if (::getrlimit(RLIMIT_NOFILE, &lim) != 0 || lim.rlim_cur == lim.rlim_max)
+      return;
+   rlim_t old = lim.rlim_cur;
+   lim.rlim_cur = lim.rlim_max;
+   if (::setrlimit(RLIMIT_NOFILE, &lim) != 0) {
+      TRACE(0, "cannot raise the open files limit from {}: {}", old, std::strerror(errno));
+      return;
+   }
+   std::fprintf(stderr, "ravel: open files limit raised from %llu to %llu\n",
+                static_cast<unsigned long long>(old),
+                static_cast<unsigned long long>(lim.rlim_cur));
+   TRACE(3, "open files limit raised from {} to {}", old, lim.rlim_cur);
 }
 
 void Daemon::loadAgent() {

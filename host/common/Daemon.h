@@ -45,6 +45,7 @@ class Daemon {
    ConfigService* configService() const { return config_.get(); }
 
  private:
+   void raiseOpenFilesLimit();
    void loadAgent();
    void handleControl();
    void handleClient(int fd);

@@ -1,9 +1,12 @@
 """The daemon's life cycle and control socket, for real."""
 import signal
+import socket
+import subprocess
+import time
 
 import pytest
 
-from conftest import RAVELCTL, sh
+from conftest import RAVELCTL, sh, wait_for
 
 pytestmark = pytest.mark.privileged
 
@@ -85,14 +88,72 @@ def test_ring_file_trace_survives_and_prints(namespaces, daemon_factory, workdir
     assert any("handleCommand socket fd" in l for l in lines)
 
 
-def test_silent_client_does_not_hold_up_others(namespaces, daemon_factory):
-    import socket
-    import time
+def connect(d):
+    c = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
+    c.connect(str(d.socket))
+    return c
 
-    d = daemon_factory(namespaces.make("q")).start()
-    silent = socket.socket(socket.AF_UNIX, socket.SOCK_STREAM)
-    silent.connect(str(d.socket))
-    t0 = time.time()
-    assert "pams #" in d.ctl("dump").stdout
-    assert time.time() - t0 < 0.5
+
+def read_all(c):
+    out = b""
+    while chunk := c.recv(1 << 16):
+        out += chunk
+    return out
+
+
+def test_clients_that_stall_hold_up_no_one_and_lose_nothing(namespaces, daemon_factory):
+    ns = namespaces.make("q")
+    # A few thousand interfaces make "show state --json" far larger than a socket buffer.
+    batch = "".join(f"link add dm{i} type veth peer dp{i}\n" for i in range(2000))
+    ns.run("ip", "-batch", "-", input=batch)
+    d = daemon_factory(ns).start()
+    assert wait_for(lambda: "dp1999" in d.ctl("show", "state", "--json").stdout, 10)
+    expected = d.ctl("show", "state", "--json").stdout
+    with open("/proc/sys/net/core/wmem_default") as f:
+        assert len(expected) > 2 * int(f.read())
+
+    silent = connect(d)  # says nothing
+    stalled = []
+    for _ in range(5):  # ask for the large reply and do not read it yet
+        c = connect(d)
+        c.sendall(b"show state --json\n")
+        stalled.append(c)
+    # Served meanwhile: the daemon waits for none of them.
+    assert "pid" in d.ctl("show", "status").stdout
+    # Longer than a blocking send would have waited, shorter than the no-progress limit.
+    time.sleep(3)
+    assert "pid" in d.ctl("show", "status").stdout
+    for c in stalled:
+        assert read_all(c).decode() == expected
+        c.close()
     silent.close()
+
+
+def test_oversized_request_is_refused_unread(namespaces, daemon_factory):
+    d = daemon_factory(namespaces.make("o")).start()
+    c = connect(d)
+    try:
+        c.sendall(b"x" * (1 << 20))
+    except (BrokenPipeError, ConnectionResetError):
+        pass  # the daemon stopped reading at the cap and closed
+    reply = read_all(c).decode()
+    c.close()
+    assert reply == "error: request longer than 65536 bytes\n"
+    assert "pid" in d.ctl("show", "status").stdout
+
+
+def test_open_files_soft_limit_is_raised_to_the_hard_limit(namespaces, workdir):
+    ns = namespaces.make("f")
+    (workdir / "netns").mkdir(exist_ok=True)
+    proc = ns.popen("prlimit", "--nofile=256:4096", RAVELCTL.parent / "ravel", "--socket",
+                    workdir / "f.sock", "--netns-dir", workdir / "netns",
+                    stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+    try:
+        first = proc.stdout.readline()
+        assert first == "ravel: open files limit raised from 256 to 4096\n"
+        with open(f"/proc/{proc.pid}/limits") as f:
+            line = next(l for l in f if l.startswith("Max open files"))
+        assert line.split()[3:5] == ["4096", "4096"]
+    finally:
+        proc.terminate()
+        proc.wait(10)

@@ -1,6 +1,8 @@
 """Kernel state reaches the store: VRFs from namespaces, links, addresses, neighbours."""
 import json
 import os
+import re
+import signal
 import time
 
 import pytest
@@ -68,3 +70,50 @@ def test_vrf_interfaces_addresses_neighbours_follow_the_kernel(namespaces, workd
     assert not any(k.startswith(vrf + "/") for k in s["interfaces"])
     assert vrf not in s.get("vrfIds", {})
     d.stop()
+
+
+def raw_socket_inodes(ns_name):
+    ss = sh("ip", "netns", "exec", ns_name, "ss", "-A", "raw", "-a", "-n", "-p").stdout
+    found = re.findall(r'"ravel",pid=(\d+),fd=(\d+)', ss)
+    return sorted(os.readlink(f"/proc/{pid}/fd/{fd}") for pid, fd in found)
+
+
+def test_lost_netlink_notifications_reload_without_withdrawing_the_vrf(namespaces, workdir):
+    vrf = f"rvo{os.getpid() % 100000}"
+    vrf_ns = f"ns-{vrf}"
+    home = namespaces.make("o")
+    sh("ip", "netns", "add", vrf_ns)
+    try:
+        pairs = 1000
+        sh("ip", "-n", vrf_ns, "-batch", "-",
+           input="".join(f"link add a{i} type veth peer b{i}\n" for i in range(pairs)))
+        cfg = workdir / "ravel.yaml"
+        cfg.write_text(f"error-responder:\n  enabled: true\n  vrfs:\n    {vrf}: {{enabled: true}}\n")
+        d = Daemon(home, workdir, config=cfg, netns_dir="/run/netns").start()
+        assert wait_for(lambda: f"{vrf}/b{pairs - 1}" in state(d)["interfaces"], 10)
+        assert wait_for(lambda: len(raw_socket_inodes(vrf_ns)) == 2, 5)
+        sockets = raw_socket_inodes(vrf_ns)
+
+        # Stopped, the daemon reads nothing while the burst overflows its receive buffer.
+        d.proc.send_signal(signal.SIGSTOP)
+        try:
+            burst = "".join(f"link set a{i} up mtu 1400\nlink set b{i} up mtu 1400\n"
+                            for i in range(pairs))
+            sh("ip", "-n", vrf_ns, "-batch", "-", input=burst)
+        finally:
+            d.proc.send_signal(signal.SIGCONT)
+
+        def complete():
+            intfs = state(d)["interfaces"]
+            return all(intfs.get(f"{vrf}/{p}{i}", {}).get("mtu") == 1400
+                       and intfs[f"{vrf}/{p}{i}"]["oper"] == "up"
+                       for i in range(pairs) for p in "ab")
+
+        assert wait_for(complete, 20)
+        assert "reloading" in d.output()
+        assert vrf in state(d)["vrfs"]
+        # The same sockets: the VRF was never withdrawn, so its PAMs were never reopened.
+        assert raw_socket_inodes(vrf_ns) == sockets
+        d.stop()
+    finally:
+        sh("ip", "netns", "del", vrf_ns, check=False)
