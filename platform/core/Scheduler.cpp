@@ -127,7 +127,9 @@ void FdTask::updateEpoll() {
    events_ = want;
 }
 
-Scheduler::Scheduler(std::shared_ptr<Clock> clock) : clock_(std::move(clock)) {
+Scheduler::Scheduler(std::shared_ptr<Clock> clock, std::unique_ptr<YieldPolicy> yield)
+    : clock_(std::move(clock)), yield_(std::move(yield)) {
+   RAVEL_ASSERT(clock_ && yield_);
    epollFd_ = epoll_create1(EPOLL_CLOEXEC);
    if (epollFd_ < 0)
       throwErrno("epoll_create1");
@@ -153,12 +155,6 @@ void Scheduler::forget(TaskBase* t) {
    }
    if (current_ == t)
       current_ = nullptr;
-}
-
-bool Scheduler::taskShouldYield() {
-   if (forceYieldAfter_ != 0)
-      return ++yieldQuestions_ >= forceYieldAfter_;
-   return now() - sliceStart_ >= slice_;
 }
 
 void Scheduler::fireExpiredTimers() {
@@ -190,8 +186,7 @@ size_t Scheduler::runOnce(Seconds maxWait) {
       runQueue_.erase(it);
       t->runnable_ = false;
       current_ = t;
-      sliceStart_ = now();
-      yieldQuestions_ = 0;
+      yield_->runStarted(now());
       t->run();
       current_ = nullptr;
       ++runs;

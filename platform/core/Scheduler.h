@@ -104,10 +104,33 @@ class FdTask : public TaskBase {
    uint32_t events_ = 0;  // as registered with epoll
 };
 
+// When a running task should give the scheduler back. The default is a time slice; tests hand
+// in a policy of their own to force yields at chosen points.
+class YieldPolicy {
+ public:
+   virtual ~YieldPolicy() = default;
+   // A task run starts.
+   virtual void runStarted(Seconds now) = 0;
+   // Asked by the running task between work items.
+   virtual bool shouldYield(Seconds now) = 0;
+};
+
+class TimeSliceYield : public YieldPolicy {
+ public:
+   explicit TimeSliceYield(Seconds slice = 0.005) : slice_(slice) {}
+   void runStarted(Seconds now) override { start_ = now; }
+   bool shouldYield(Seconds now) override { return now - start_ >= slice_; }
+
+ private:
+   Seconds slice_;
+   Seconds start_ = 0;
+};
+
 // Single-threaded cooperative scheduler on epoll. Everything of the agent runs inside its loop.
 class Scheduler {
  public:
-   explicit Scheduler(std::shared_ptr<Clock> clock = std::make_shared<MonotonicClock>());
+   explicit Scheduler(std::shared_ptr<Clock> clock = std::make_shared<MonotonicClock>(),
+                      std::unique_ptr<YieldPolicy> yield = std::make_unique<TimeSliceYield>());
    Scheduler(const Scheduler&) = delete;
    Scheduler& operator=(const Scheduler&) = delete;
    ~Scheduler();
@@ -120,11 +143,9 @@ class Scheduler {
    Seconds now() const { return clock_->now(); }
    Clock& clock() const { return *clock_; }
 
-   // Asked by a running task between work items: true once the task's time slice is used, or,
-   // when a test set forceYieldAfter(n), on the n-th question of a run.
-   bool taskShouldYield();
-   void timeSliceIs(Seconds s) { slice_ = s; }
-   void forceYieldAfter(uint32_t n) { forceYieldAfter_ = n; }
+   // Asked by a running task between work items; the yield policy answers.
+   bool taskShouldYield() { return yield_->shouldYield(now()); }
+   void yieldPolicyIs(std::unique_ptr<YieldPolicy> yield) { yield_ = std::move(yield); }
    const TaskBase* currentTask() const { return current_; }
 
    // One pass: fire expired timers, run every task runnable at the start of the pass (in
@@ -160,10 +181,7 @@ class Scheduler {
    std::vector<TimerTask*> timers_;
    uint64_t nextSeq_ = 0;
    TaskBase* current_ = nullptr;
-   Seconds sliceStart_ = 0;
-   Seconds slice_ = 0.005;
-   uint32_t forceYieldAfter_ = 0;
-   uint32_t yieldQuestions_ = 0;
+   std::unique_ptr<YieldPolicy> yield_;
    bool stopRequested_ = false;
 };
 

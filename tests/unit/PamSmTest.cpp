@@ -4,6 +4,7 @@
 
 #include "pam/RavelPamSm.h"
 #include "tests/unit/FakePamWorld.h"
+#include "tests/unit/YieldAfter.h"
 
 namespace Ravel {
 namespace {
@@ -234,7 +235,8 @@ TEST_F(PamSmTest, BacklogYieldsResumesAtBookmarkAndLosesNothing) {
       errConfig->vrfIs(VrfName(n));
       vrfStatus(n, VrfState::active, true, 3);
    }
-   sched.forceYieldAfter(2);  // two elements per run: the first is never asked about
+   sched.yieldPolicyIs(std::make_unique<test::YieldAfter>(
+       2));  // two elements per run: the first is never asked about
    start();
    EXPECT_EQ(sm->vrfBacklog().size(), 5u);
    sched.runOnce(0);

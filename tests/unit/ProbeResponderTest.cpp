@@ -6,6 +6,7 @@
 
 #include "probe/ProbeResponderAgent.h"
 #include "tests/unit/FakePamWorld.h"
+#include "tests/unit/YieldAfter.h"
 
 namespace Ravel::ProbeResponder {
 namespace {
@@ -593,7 +594,7 @@ TEST_F(ProbeTest, DumpListsReactorsAndTruncatesLongLists) {
 }
 
 TEST_F(ProbeTest, TasksYieldAndRescheduleUntilEmpty) {
-   sched.forceYieldAfter(2);
+   sched.yieldPolicyIs(std::make_unique<test::YieldAfter>(2));
    Req r;
    Bytes wire = withIpv4Header(r.build(client4, router4));
    for (int i = 0; i < 7; ++i)

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "platform/core/Scheduler.h"
+#include "tests/unit/YieldAfter.h"
 
 namespace Ravel {
 namespace {
@@ -69,7 +70,7 @@ TEST_F(SchedulerTest, DestroyedTaskNeverRuns) {
 }
 
 TEST_F(SchedulerTest, ForcedYieldAfterNQuestionsPerRun) {
-   sched.forceYieldAfter(3);
+   sched.yieldPolicyIs(std::make_unique<test::YieldAfter>(3));
    std::vector<int> itemsPerRun;
    int remaining = 10;
    Task* self = nullptr;
@@ -171,8 +172,7 @@ TEST_F(SchedulerTest, FdTaskOneShotAndLevelTriggeredWatch) {
 }
 
 TEST_F(SchedulerTest, RealClockYieldsAfterTimeSlice) {
-   Scheduler real;
-   real.timeSliceIs(0.001);
+   Scheduler real(std::make_shared<MonotonicClock>(), std::make_unique<TimeSliceYield>(0.001));
    int questions = 0;
    bool yielded = false;
    Task t(real, "spin", 3, [&] {
