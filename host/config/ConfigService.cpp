@@ -57,11 +57,7 @@ ConfigService::ConfigService(Scheduler& sched, Ptr<EntityManager> em, std::strin
       watchFile();
 }
 
-ConfigService::~ConfigService() {
-   watchTask_.reset();
-   if (inotifyFd_ >= 0)
-      ::close(inotifyFd_);
-}
+ConfigService::~ConfigService() = default;
 
 std::string ConfigService::renderConfig() const {
    return Ravel::renderConfig(config_);
@@ -142,41 +138,23 @@ void ConfigService::apply(const RavelConfig& c) {
    }
 }
 
+// Editors replace files by renaming, so the directory is watched, not the file.
 void ConfigService::watchFile() {
-   inotifyFd_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-   if (inotifyFd_ < 0) {
-      TRACE(0, "inotify: {}; reload with SIGHUP only", std::strerror(errno));
-      return;
-   }
    std::filesystem::path p(path_);
    std::string dir = p.has_parent_path() ? p.parent_path().string() : ".";
-   if (::inotify_add_watch(inotifyFd_, dir.c_str(), IN_CLOSE_WRITE | IN_MOVED_TO) < 0) {
+   std::string name = p.filename().string();
+   watch_ = std::make_unique<DirectoryWatch>(
+       sched_, "ConfigWatch", 4, [this, name](std::span<const DirectoryWatch::Event> events) {
+          // After an overflow our event may be among the lost ones.
+          for (auto& ev : events) {
+             if ((ev.mask & IN_Q_OVERFLOW) || ev.name == name) {
+                reload();
+                return;
+             }
+          }
+       });
+   if (!watch_->watchIs(dir, IN_CLOSE_WRITE | IN_MOVED_TO))
       TRACE(0, "watching {}: {}; reload with SIGHUP only", dir, std::strerror(errno));
-      return;
-   }
-   watchTask_ = std::make_unique<FdTask>(sched_, "ConfigWatch", 4, inotifyFd_,
-                                         [this] { handleFileEvent(); });
-   watchTask_->taskWatchReadableIs(true);
-}
-
-void ConfigService::handleFileEvent() {
-   std::string name = std::filesystem::path(path_).filename().string();
-   alignas(inotify_event) char buf[4096];
-   bool ours = false;
-   for (;;) {
-      ssize_t n = ::read(inotifyFd_, buf, sizeof buf);
-      if (n <= 0)
-         break;
-      for (char* p = buf; p < buf + n;) {
-         auto* ev = reinterpret_cast<inotify_event*>(p);
-         // After an overflow our event may be among the lost ones.
-         if ((ev->mask & IN_Q_OVERFLOW) || (ev->len && name == ev->name))
-            ours = true;
-         p += sizeof(inotify_event) + ev->len;
-      }
-   }
-   if (ours)
-      reload();
 }
 
 }  // namespace Ravel

@@ -6,6 +6,7 @@
 #include "error/ErrorResponderSchema.h"
 #include "host/config/ConfigFile.h"
 #include "platform/core/Scheduler.h"
+#include "platform/linux/DirectoryWatch.h"
 #include "platform/store/Acl.h"
 #include "platform/store/EntityManager.h"
 #include "probe/ProbeSchema.h"
@@ -37,7 +38,6 @@ class ConfigService {
  private:
    void apply(const RavelConfig& c);
    void watchFile();
-   void handleFileEvent();
 
    Scheduler& sched_;
    Ptr<EntityManager> em_;
@@ -49,8 +49,7 @@ class ConfigService {
    Ptr<ErrorResponder::EbpfConfig> ebpf_;
    Ptr<AclConfig> aclCli_;
    Ptr<AclInput> aclInput_;
-   int inotifyFd_ = -1;
-   std::unique_ptr<FdTask> watchTask_;
+   std::unique_ptr<DirectoryWatch> watch_;
 };
 
 }  // namespace Ravel

@@ -79,23 +79,14 @@ NetnsWatcher::NetnsWatcher(Scheduler& sched, std::string dir, Handler onChange)
       dir_(std::move(dir)),
       onChange_(std::move(onChange)),
       retryTimer_(sched, "NetnsRescan", kTaskPriority, [this] { scan(); }),
-      backoff_(kFirstRetry) {
-   inotifyFd_ = ::inotify_init1(IN_NONBLOCK | IN_CLOEXEC);
-   if (inotifyFd_ < 0) {
-      // Still correct, only slower: every scan re-arms the timer.
-      TRACE(0, "inotify: {}; namespace directory {} is polled", std::strerror(errno), dir_);
-      return;
-   }
-   inotifyTask_ = std::make_unique<FdTask>(sched_, "NetnsWatch", kTaskPriority, inotifyFd_,
-                                           [this] { handleEvents(); });
-   inotifyTask_->taskWatchReadableIs(true);
-}
+      backoff_(kFirstRetry),
+      // Without inotify, still correct, only slower: every scan re-arms the timer.
+      watch_(sched, "NetnsWatch", kTaskPriority, [this](auto) {
+         backoff_ = kFirstRetry;
+         scan();
+      }) {}
 
-NetnsWatcher::~NetnsWatcher() {
-   inotifyTask_.reset();
-   if (inotifyFd_ >= 0)
-      ::close(inotifyFd_);
-}
+NetnsWatcher::~NetnsWatcher() = default;
 
 void NetnsWatcher::armRetry(Seconds delay) {
    retryTimer_.scheduleTaskDelay(delay);
@@ -107,11 +98,9 @@ void NetnsWatcher::retryLater() {
 }
 
 void NetnsWatcher::scan() {
-   if (watch_ < 0 && inotifyFd_ >= 0) {
+   if (!watch_.watching() && watch_.ok()) {
       // Added before reading, so that nothing created in between is missed.
-      uint32_t mask = IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_DELETE_SELF |
-                      IN_MOVE_SELF | IN_ONLYDIR;
-      watch_ = ::inotify_add_watch(inotifyFd_, dir_.c_str(), mask);
+      watch_.watchIs(dir_, IN_CREATE | IN_DELETE | IN_MOVED_FROM | IN_MOVED_TO | IN_ONLYDIR);
    }
    NetnsFiles now;
    bool unsettled = false;
@@ -141,31 +130,11 @@ void NetnsWatcher::scan() {
       reported_ = now;
       onChange_(now);
    }
-   if (!d || watch_ < 0) {
+   if (!d || !watch_.watching()) {
       armRetry(kMissingDirRetry);
    } else if (unsettled) {
       retryLater();
    }
-}
-
-void NetnsWatcher::handleEvents() {
-   alignas(inotify_event) char buf[4096];
-   ssize_t n;
-   while ((n = ::read(inotifyFd_, buf, sizeof buf)) > 0) {
-      for (char* p = buf; p < buf + n;) {
-         auto* ev = reinterpret_cast<inotify_event*>(p);
-         if (ev->wd == watch_ && (ev->mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED))) {
-            // The directory went (or was unmounted or renamed): watch whatever has the name
-            // next. A moved directory keeps its watch unless it is removed here.
-            if (!(ev->mask & IN_IGNORED))
-               ::inotify_rm_watch(inotifyFd_, watch_);
-            watch_ = -1;
-         }
-         p += sizeof(inotify_event) + ev->len;
-      }
-   }
-   backoff_ = kFirstRetry;
-   scan();
 }
 
 }  // namespace Ravel

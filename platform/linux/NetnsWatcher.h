@@ -16,6 +16,7 @@
 #include <string_view>
 
 #include "platform/core/Scheduler.h"
+#include "platform/linux/DirectoryWatch.h"
 #include "platform/values/Values.h"
 
 namespace Ravel {
@@ -51,17 +52,14 @@ class NetnsWatcher {
    void retryLater();
 
  private:
-   void handleEvents();
    void armRetry(Seconds delay);
 
    Scheduler& sched_;
    std::string dir_;
    Handler onChange_;
-   int inotifyFd_ = -1;
-   int watch_ = -1;
-   std::unique_ptr<FdTask> inotifyTask_;
    TimerTask retryTimer_;
    Seconds backoff_;
+   DirectoryWatch watch_;
    std::optional<NetnsFiles> reported_;
    std::set<std::string> complainedAbout_;
 };
