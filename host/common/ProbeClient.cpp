@@ -1,5 +1,7 @@
 #include "host/common/ProbeClient.h"
 
+#include "platform/core/Fd.h"
+
 #include <netdb.h>
 #include <netinet/in.h>
 #include <poll.h>
@@ -106,11 +108,12 @@ int runProbe(const std::vector<std::string>& args) {
    IpGenAddr dst = resolve(target, family);
    bool v6 = dst.isV6();
    int proto = v6 ? int{IPPROTO_ICMPV6} : int{IPPROTO_ICMP};
-   int fd = ::socket(v6 ? AF_INET6 : AF_INET, SOCK_RAW | SOCK_CLOEXEC, proto);
-   if (fd < 0) {
+   Fd sock(::socket(v6 ? AF_INET6 : AF_INET, SOCK_RAW | SOCK_CLOEXEC, proto));
+   if (!sock) {
       throw std::runtime_error(
           fmt::format("raw socket: {} (needs root or CAP_NET_RAW)", std::strerror(errno)));
    }
+   int fd = sock.get();
    sockaddr_storage to{};
    socklen_t toLen;
    if (v6) {
@@ -174,7 +177,6 @@ int runProbe(const std::vector<std::string>& args) {
          std::printf("seq=%u no reply within %.1f s\n", seq, timeout);
       std::fflush(stdout);
    }
-   ::close(fd);
    return good == count ? 0 : 1;
 }
 

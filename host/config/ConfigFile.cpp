@@ -1,5 +1,7 @@
 #include "host/config/ConfigFile.h"
 
+#include "platform/core/Fd.h"
+
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -379,31 +381,25 @@ RavelConfig parseConfigFile(const std::string& path) {
    auto error = [&](const char* what) {
       return ConfigError(oneLine(fmt::format("{}: cannot read: {}", path, what)));
    };
-   int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-   if (fd < 0)
+   Fd fd(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+   if (!fd)
       throw error(std::strerror(errno));
    struct stat st {};
    // A directory opens and reads as nothing, which would pass for an empty configuration.
-   if (::fstat(fd, &st) == 0 && !S_ISREG(st.st_mode)) {
-      ::close(fd);
+   if (::fstat(fd.get(), &st) == 0 && !S_ISREG(st.st_mode))
       throw error("not a regular file");
-   }
    std::string text;
    char buf[8192];
    for (;;) {
-      ssize_t n = ::read(fd, buf, sizeof buf);
+      ssize_t n = ::read(fd.get(), buf, sizeof buf);
       if (n < 0 && errno == EINTR)
          continue;
-      if (n < 0) {
-         int err = errno;
-         ::close(fd);
-         throw error(std::strerror(err));
-      }
+      if (n < 0)
+         throw error(std::strerror(errno));
       if (n == 0)
          break;
       text.append(buf, static_cast<size_t>(n));
    }
-   ::close(fd);
    return parseConfigText(text, path);
 }
 

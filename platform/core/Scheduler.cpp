@@ -120,7 +120,7 @@ void FdTask::updateEpoll() {
    ev.events = want;
    ev.data.ptr = this;
    int op = !want ? EPOLL_CTL_DEL : events_ ? EPOLL_CTL_MOD : EPOLL_CTL_ADD;
-   if (epoll_ctl(scheduler().epollFd_, op, fd_, &ev) != 0) {
+   if (epoll_ctl(scheduler().epollFd_.get(), op, fd_, &ev) != 0) {
       // A closed descriptor leaves epoll by itself; anything else is a bug of the caller.
       RAVEL_ASSERT_MSG(!want, "epoll_ctl add failed");
    }
@@ -130,14 +130,13 @@ void FdTask::updateEpoll() {
 Scheduler::Scheduler(std::shared_ptr<Clock> clock, std::unique_ptr<YieldPolicy> yield)
     : clock_(std::move(clock)), yield_(std::move(yield)) {
    RAVEL_ASSERT(clock_ && yield_);
-   epollFd_ = epoll_create1(EPOLL_CLOEXEC);
-   if (epollFd_ < 0)
+   epollFd_.reset(epoll_create1(EPOLL_CLOEXEC));
+   if (!epollFd_)
       throwErrno("epoll_create1");
 }
 
 Scheduler::~Scheduler() {
    RAVEL_ASSERT_MSG(runQueue_.empty() && timers_.empty(), "tasks outlive their scheduler");
-   close(epollFd_);
    if (gDefault == this)
       gDefault = nullptr;
 }
@@ -200,7 +199,7 @@ size_t Scheduler::runOnce(Seconds maxWait) {
 void Scheduler::poll(Seconds maxWait) {
    epoll_event events[64];
    int timeoutMs = std::isinf(maxWait) ? -1 : static_cast<int>(std::ceil(maxWait * 1000));
-   int n = epoll_wait(epollFd_, events, 64, timeoutMs);
+   int n = epoll_wait(epollFd_.get(), events, 64, timeoutMs);
    if (n < 0) {
       if (errno == EINTR)
          return;

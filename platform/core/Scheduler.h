@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "platform/core/Clock.h"
+#include "platform/core/Fd.h"
 
 namespace Ravel {
 
@@ -176,7 +177,7 @@ class Scheduler {
    void poll(Seconds maxWait);
 
    std::shared_ptr<Clock> clock_;
-   int epollFd_ = -1;
+   Fd epollFd_;
    std::map<std::pair<int, uint64_t>, TaskBase*> runQueue_;  // (priority, seq)
    std::vector<TimerTask*> timers_;
    uint64_t nextSeq_ = 0;

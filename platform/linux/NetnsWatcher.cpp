@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "platform/core/Fd.h"
 #include "platform/core/Trace.h"
 
 RAVEL_TRACE_CATEGORY("LinuxStateProvider");
@@ -116,9 +117,7 @@ void NetnsWatcher::scan() {
          }
          std::string path = dir_ + "/" + e->d_name;
          NsInode inode = 0;
-         int fd = openNetns(path, &inode);
-         if (fd >= 0) {
-            ::close(fd);
+         if (Fd(openNetns(path, &inode))) {
             now[*vrf] = {path, inode};
          } else if (errno != ENOENT) {
             unsettled = true;  // may be mounted any moment

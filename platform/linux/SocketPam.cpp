@@ -1,5 +1,7 @@
 #include "platform/linux/SocketPam.h"
 
+#include "platform/core/Fd.h"
+
 #include <fcntl.h>
 #include <netinet/in.h>
 #include <sched.h>
@@ -25,22 +27,6 @@ namespace {
 constexpr int kTaskPriority = 3;
 constexpr size_t kMaxDatagram = 65535;
 constexpr uint64_t kDropBatch = 256;
-
-class ScopedFd {
- public:
-   explicit ScopedFd(int fd) : fd_(fd) {}
-   ~ScopedFd() {
-      if (fd_ >= 0)
-         ::close(fd_);
-   }
-   ScopedFd(const ScopedFd&) = delete;
-   ScopedFd& operator=(const ScopedFd&) = delete;
-   int get() const { return fd_; }
-   int release() { return std::exchange(fd_, -1); }
-
- private:
-   int fd_;
-};
 
 // Opened once: where every inNamespace call returns to.
 int homeNetNsFd() {
@@ -85,7 +71,7 @@ void inNamespace(const std::string& nsPath, const std::function<void()>& fn) {
       return;
    }
    int home = homeNetNsFd();
-   ScopedFd target(::open(nsPath.c_str(), O_RDONLY | O_CLOEXEC));
+   Fd target(::open(nsPath.c_str(), O_RDONLY | O_CLOEXEC));
    if (target.get() < 0)
       throwErrno("open " + nsPath);
    if (::setns(target.get(), CLONE_NEWNET) != 0)
@@ -114,28 +100,26 @@ SocketPam::SocketPam(std::string name, AddressFamily af, int protocol, std::stri
       if (fd < 0)
          throwErrno("socket for " + name_);
    });
-   ScopedFd guard(fd);
+   Fd guard(fd);
    attachFilter(fd, kDropAll);
    drain(fd, UINT64_MAX);  // nothing new can arrive
-   fd_ = guard.release();
+   fd_ = std::move(guard);
    TRACE(4, "{} opened in namespace {}", name_, netNs_.empty() ? "default" : netNs_);
 }
 
 SocketPam::~SocketPam() {
    task_.reset();
-   if (fd_ >= 0)
-      ::close(fd_);
 }
 
 void SocketPam::filterProgramIs(const SockFilterProgram& prog) {
-   attachFilter(fd_, prog);
+   attachFilter(fd_.get(), prog);
 }
 
 void SocketPam::optionsIs(unsigned options) {
    int on = (options & (kOptRxDstAddr | kOptRxIfIndex)) ? 1 : 0;
    int rc = af_ == AddressFamily::ipv4
-                ? ::setsockopt(fd_, IPPROTO_IP, IP_PKTINFO, &on, sizeof on)
-                : ::setsockopt(fd_, IPPROTO_IPV6, IPV6_RECVPKTINFO, &on, sizeof on);
+                ? ::setsockopt(fd_.get(), IPPROTO_IP, IP_PKTINFO, &on, sizeof on)
+                : ::setsockopt(fd_.get(), IPPROTO_IPV6, IPV6_RECVPKTINFO, &on, sizeof on);
    if (rc != 0)
       throwErrno("packet info option on " + name_);
    options_ = options;
@@ -149,7 +133,7 @@ void SocketPam::enabledIs(bool enabled) {
    }
    if (task_)
       return;
-   task_ = std::make_unique<FdTask>(Scheduler::defaultScheduler(), name_, kTaskPriority, fd_,
+   task_ = std::make_unique<FdTask>(Scheduler::defaultScheduler(), name_, kTaskPriority, fd_.get(),
                                     [this] { handleReadable(); });
    task_->taskWatchReadableIs(true);
 }
@@ -160,7 +144,7 @@ void SocketPam::handleReadable() {
       return;
    }
    // Bounded: under a flood the level-triggered watch brings us back on the next pass.
-   uint64_t n = drain(fd_, kDropBatch);
+   uint64_t n = drain(fd_.get(), kDropBatch);
    counters_.rxDrops += n;
    TRACE(5, "{} nobody reads, dropped {}", name_, n);
 }
@@ -177,7 +161,7 @@ Ptr<Pkt> SocketPam::rxPkt() {
    msg.msg_iovlen = 1;
    msg.msg_control = control;
    msg.msg_controllen = sizeof control;
-   ssize_t n = ::recvmsg(fd_, &msg, MSG_DONTWAIT);
+   ssize_t n = ::recvmsg(fd_.get(), &msg, MSG_DONTWAIT);
    if (n < 0) {
       if (errno != EAGAIN && errno != EWOULDBLOCK) {
          // E.g. an ICMP error for something we sent; reported once, the queue stays intact.
@@ -233,7 +217,7 @@ void SocketPam::txPktIs(const Ptr<Pkt>& pkt) {
    }
    if (txMark_ != appliedMark_) {
       // A packet with the wrong mark may take the wrong route: better not sent at all.
-      if (::setsockopt(fd_, SOL_SOCKET, SO_MARK, &txMark_, sizeof txMark_) != 0) {
+      if (::setsockopt(fd_.get(), SOL_SOCKET, SO_MARK, &txMark_, sizeof txMark_) != 0) {
          fail(errno, "SO_MARK");
          return;
       }
@@ -289,7 +273,7 @@ void SocketPam::txPktIs(const Ptr<Pkt>& pkt) {
    msg.msg_iovlen = 1;
    msg.msg_control = used ? control : nullptr;
    msg.msg_controllen = used;
-   ssize_t n = ::sendmsg(fd_, &msg, MSG_DONTWAIT);
+   ssize_t n = ::sendmsg(fd_.get(), &msg, MSG_DONTWAIT);
    if (n < 0) {
       fail(errno, "sendmsg");
       return;

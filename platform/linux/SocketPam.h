@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include "platform/core/Fd.h"
 #include "platform/core/Scheduler.h"
 #include "platform/linux/IpPam.h"
 
@@ -29,7 +30,7 @@ class SocketPam : public IpPam {
    void enabledIs(bool enabled) override;
    Ptr<Pkt> rxPkt() override;
    void txPktIs(const Ptr<Pkt>& pkt) override;
-   int fd() const { return fd_; }
+   int fd() const { return fd_.get(); }
 
  protected:
    // Throws Errno: ENOENT when `<netnsDir>/<namespaceName>` is missing.
@@ -38,7 +39,7 @@ class SocketPam : public IpPam {
 
  private:
    void handleReadable();
-   int fd_ = -1;
+   Fd fd_;
    uint32_t appliedMark_ = 0;
    std::unique_ptr<FdTask> task_;
 };
