@@ -20,6 +20,7 @@ void usage(FILE* out) {
                 "  show config               the configuration in effect\n"
                 "  show probe [--json]       probe responder configuration and counters\n"
                 "  show errors [--json]      error responder programs, VRFs and counters\n"
+                "  metrics                   every counter, Prometheus text format\n"
                 "  trace FILE                print a ring-file trace\n"
                 "  probe TARGET (--ifname NAME | --ifindex N | --ifaddr ADDR) [--remote]\n"
                 "        [-4|-6] [--count N] [--timeout S]   send RFC 8335 PROBE requests\n"

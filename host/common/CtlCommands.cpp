@@ -49,6 +49,11 @@ int runCtlCommand(const std::string& socketPath, const std::vector<std::string>&
          throw UsageError("show what?");
       return printReply(socketPath, "show " + join(args, 1));
    }
+   if (cmd == "metrics") {
+      if (args.size() != 1)
+         throw UsageError("metrics takes no arguments");
+      return printReply(socketPath, "show metrics");
+   }
    if (cmd == "trace") {
       if (args.size() != 2)
          throw UsageError("trace takes one FILE");

@@ -9,6 +9,7 @@
 
 #include "error/ErrorResponderSchema.h"
 #include "host/common/Daemon.h"
+#include "host/common/Metrics.h"
 #include "platform/store/NetSchema.h"
 #include "probe/ProbeSchema.h"
 
@@ -20,6 +21,7 @@ ShowCallback::ShowCallback(Daemon& daemon)
    handlerIs("probe", [this](int fd, bool json) { showProbe(fd, json); });
    handlerIs("state", [this](int fd, bool json) { showState(fd, json); });
    handlerIs("errors", [this](int fd, bool json) { showErrors(fd, json); });
+   handlerIs("metrics", [this](int fd, bool) { showMetrics(fd); });
    handlerIs("config", [this](int fd, bool) {
       auto* c = daemon_.configService();
       std::string out = c ? renderConfig(c->config()) : std::string("# no configuration\n");
@@ -236,6 +238,15 @@ void ShowCallback::showErrors(int fd, bool json) {
    out += fmt::format("nsInodeConflict {}\nebpfLoadFailed {}\n", j["nsInodeConflict"].dump(),
                       j["ebpfLoadFailed"].dump());
    writeAll(fd, out);
+}
+
+// Every counter in the Prometheus text format ("ravelctl metrics").
+void ShowCallback::showMetrics(int fd) {
+   auto em = daemon_.entityManager();
+   Metrics m;
+   m.probeStatusIs(em->entityAs<ProbeResponder::Status>("icmp/probe/status").get());
+   m.errorStatusIs(em->entityAs<ErrorResponder::Status>("icmp/errorResponder/status").get());
+   writeAll(fd, m.text());
 }
 
 }  // namespace Ravel::host

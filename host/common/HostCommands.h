@@ -23,6 +23,7 @@ class ShowCallback : public AgentCommandCallback {
    void showProbe(int fd, bool json);
    void showState(int fd, bool json);
    void showErrors(int fd, bool json);
+   void showMetrics(int fd);
    Daemon& daemon_;
    std::map<std::string, Handler> handlers_;
 };
