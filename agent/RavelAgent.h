@@ -3,8 +3,8 @@
 #include <map>
 #include <string>
 
-#include "agent/RavelCommon.h"
-#include "pam/RavelPamSm.h"
+#include "agent/MiniAgent.h"
+#include "pam/PamSm.h"
 
 namespace Ravel {
 

@@ -2,7 +2,7 @@
 
 #include <functional>
 
-#include "agent/RavelCommon.h"
+#include "agent/MiniAgent.h"
 #include "error/ErrorResponderConfigSm.h"
 #include "error/ErrorResponderCounterSm.h"
 #include "error/ErrorResponderEbpfSm.h"

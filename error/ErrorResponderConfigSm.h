@@ -7,7 +7,7 @@
 #include <memory>
 #include <vector>
 
-#include "agent/RavelCommon.h"
+#include "agent/MiniAgent.h"
 #include "error/ErrorResponderSchema.h"
 #include "platform/core/Scheduler.h"
 

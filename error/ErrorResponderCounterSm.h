@@ -8,7 +8,7 @@
 #include <map>
 #include <memory>
 
-#include "agent/RavelCommon.h"
+#include "agent/MiniAgent.h"
 #include "error/ErrorResponderSchema.h"
 #include "platform/core/Scheduler.h"
 

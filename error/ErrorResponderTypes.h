@@ -6,7 +6,7 @@
 #include <set>
 #include <string>
 
-#include "agent/RavelCommon.h"
+#include "agent/MiniAgent.h"
 #include "error/ErrorResponderSchema.h"
 
 struct ring_buffer;  // libbpf's ring-buffer consumer; only the loader sees its definition

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "agent/RavelCommon.h"
+#include "agent/MiniAgent.h"
 #include "probe/RootSm.h"
 
 namespace Ravel::ProbeResponder {

@@ -3,7 +3,7 @@
 #include <map>
 #include <memory>
 
-#include "agent/RavelCommon.h"
+#include "agent/MiniAgent.h"
 #include "platform/core/Scheduler.h"
 #include "platform/store/IntfTables.h"
 #include "probe/PacketParserResult.h"

@@ -20,7 +20,7 @@
 #include <string>
 #include <vector>
 
-#include "pam/RavelPamSm.h"
+#include "pam/PamSm.h"
 #include "platform/core/Errno.h"
 #include "platform/linux/SocketPam.h"
 #include "platform/values/Checksum.h"

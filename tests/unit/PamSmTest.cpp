@@ -2,7 +2,7 @@
 
 #include <cerrno>
 
-#include "pam/RavelPamSm.h"
+#include "pam/PamSm.h"
 #include "tests/unit/FakePamWorld.h"
 #include "tests/unit/YieldAfter.h"
 

@@ -1,4 +1,4 @@
-#include "agent/RavelCommon.h"
+#include "agent/MiniAgent.h"
 
 namespace Ravel {
 

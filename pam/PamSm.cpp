@@ -1,4 +1,4 @@
-#include "pam/RavelPamSm.h"
+#include "pam/PamSm.h"
 
 #include <cerrno>
 #include <cstring>
