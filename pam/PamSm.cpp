@@ -1,6 +1,11 @@
 #include "pam/PamSm.h"
 
+#include <linux/icmpv6.h>
+#include <netinet/ip.h>
+#include <netinet/ip_icmp.h>
+
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 
 #include "platform/core/Assert.h"
@@ -16,28 +21,31 @@ constexpr int kTaskPriority = 3;
 }
 
 // Classic BPF: code, jt, jf, k; jumps count from the next instruction.
+// Raw IPv4 sockets see the packet from the IP header on; raw ICMPv6 sockets from the ICMPv6
+// header on.
 const SockFilterProgram PamSm::v4ProbeFilter = {
-    {0x0000, 0, 0, 0},       // A = 0
-    {0x0030, 0, 0, 9},       // A = protocol
-    {0x0015, 0, 6, 1},       // ICMP?
-    {0x0028, 0, 0, 6},       // A = flags and fragment offset
-    {0x0045, 4, 0, 0x1fff},  // non-first fragment: drop
-    {0x00b1, 0, 0, 0},       // X = IP header length
-    {0x0050, 0, 0, 0},       // A = ICMP type
-    {0x0015, 0, 1, 42},      // Extended Echo Request?
-    {0x0006, 0, 0, 65535},   // accept
-    {0x0006, 0, 0, 0},       // drop
+    BPF_STMT(BPF_LD | BPF_W | BPF_IMM, 0),
+    BPF_STMT(BPF_LD | BPF_B | BPF_ABS, offsetof(iphdr, protocol)),
+    BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, IPPROTO_ICMP, 0, 6),
+    BPF_STMT(BPF_LD | BPF_H | BPF_ABS, offsetof(iphdr, frag_off)),
+    // A non-first fragment has no ICMP header to look at.
+    BPF_JUMP(BPF_JMP | BPF_JSET | BPF_K, IP_OFFMASK, 4, 0),
+    BPF_STMT(BPF_LDX | BPF_B | BPF_MSH, 0),  // X = IP header length
+    BPF_STMT(BPF_LD | BPF_B | BPF_IND, offsetof(icmphdr, type)),
+    BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, ICMP_EXT_ECHO, 0, 1),
+    BPF_STMT(BPF_RET | BPF_K, 0xffff),
+    BPF_STMT(BPF_RET | BPF_K, 0),
 };
 
 const SockFilterProgram PamSm::v6ProbeFilter = {
-    {0x0030, 0, 0, 0},      // A = ICMPv6 type
-    {0x0015, 0, 1, 160},    // Extended Echo Request?
-    {0x0006, 0, 0, 65535},  // accept
-    {0x0006, 0, 0, 0},      // drop
+    BPF_STMT(BPF_LD | BPF_B | BPF_ABS, offsetof(icmp6hdr, icmp6_type)),
+    BPF_JUMP(BPF_JMP | BPF_JEQ | BPF_K, ICMPV6_EXT_ECHO_REQUEST, 0, 1),
+    BPF_STMT(BPF_RET | BPF_K, 0xffff),
+    BPF_STMT(BPF_RET | BPF_K, 0),
 };
 
 const SockFilterProgram PamSm::dropAllFilter = {
-    {0x0006, 0, 0, 0},
+    BPF_STMT(BPF_RET | BPF_K, 0),
 };
 
 PamSm::PamSm(Ptr<PamConfig> errConfig, Ptr<PamConfig> probeConfig,
