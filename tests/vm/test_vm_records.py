@@ -142,6 +142,44 @@ def test_nothing_is_recorded_after_unload(topo):
     udp(h1, "198.51.100.2", 100)
     udp(h1, "2001:db8:2::2", 200, six=True)
     _, loaded = d.cmd("load", "loaded")
+    assert loaded["ipv4"] and loaded["ipv6"]
     d.cmd(f"add /run/netns/{r.name}", "add")
     assert d.drain() == []
     assert "Failed" not in d.close()
+
+
+def ring_sizes():
+    maps = json.loads(sh("bpftool", "-j", "map", "show").stdout)
+    return sorted(m["max_entries"] for m in maps if m.get("name") == "ringbuf")
+
+
+@pytest.mark.parametrize("size, expected", [(0, 262144), (1075, 262144), (4095, 262144),
+                                            (1048576, 1048576)])
+def test_configured_ring_size(size, expected):
+    d = Records()
+    try:
+        _, loaded = d.cmd(f"load {size}", "loaded")
+        assert loaded["ipv4"] and loaded["ipv6"]
+        assert ring_sizes() == [expected, expected]
+    finally:
+        d.close()
+
+
+def test_a_full_ring_counts_each_lost_record_as_dropped(net):
+    h1, h2 = net.ns("h1"), net.ns("h2")
+    r = net.router(h1, "192.0.2", h2, "198.51.100")
+    r.sysctl("net.ipv4.icmp_ratelimit", 0)
+    d = Records()
+    try:
+        # One page holds three 1076-byte records with their 8-byte headers.
+        d.cmd("load 4096", "loaded")
+        d.cmd(f"add /run/netns/{r.name}", "add")
+        for _ in range(5):
+            udp(h1, "198.51.100.2", 100)
+        _, stats = d.cmd("stats", "stats")
+        assert (stats["ipv4"]["queued"], stats["ipv4"]["dropped"]) == (3, 2), stats
+        assert len(d.drain()) == 3
+        udp(h1, "198.51.100.2", 100)
+        assert len(d.drain()) == 1
+    finally:
+        d.close()
