@@ -121,7 +121,8 @@ EbpfInitParams loadFamily(const Ptr<EbpfConfig>& ebpfConfig, const Ptr<EbpfHandl
    // The IPv4 program reads icmp_param from the register the running kernel passes it in.
    int icmpParam = 0;
    if constexpr (F::af == AddressFamily::ipv4) {
-      IcmpPushReplyLayoutResult layout = icmpPushReplyLayout();
+      // The running kernel's BTF does not change under us: read it once.
+      static const IcmpPushReplyLayoutResult layout = icmpPushReplyLayout();
       icmpParam = icmpParamArg(layout.layout);
       if (icmpParam < 0) {
          TRACE(1, "Unknown icmp_push_reply layout: {}", layout.reason);

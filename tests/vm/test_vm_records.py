@@ -17,7 +17,7 @@ from vmnet import sh
 pytestmark = pytest.mark.vm
 
 ROOT = Path(__file__).resolve().parents[2]
-DUMP = Path(os.environ.get("RAVEL_BUILD_DIR", ROOT / "build")) / "bin" / "ravel-vm-records"
+DUMP = Path(os.environ.get("RAVEL_BUILD", ROOT / "build")) / "bin" / "ravel-vm-records"
 
 
 class Records:
