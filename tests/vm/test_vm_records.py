@@ -148,21 +148,38 @@ def test_nothing_is_recorded_after_unload(topo):
     assert "Failed" not in d.close()
 
 
-def ring_sizes():
+def map_sizes(name):
+    """max_entries of the maps whose name starts with `name` (the kernel keeps 15 bytes)."""
     maps = json.loads(sh("bpftool", "-j", "map", "show").stdout)
-    return sorted(m["max_entries"] for m in maps if m.get("name") == "ringbuf")
+    return sorted(m["max_entries"] for m in maps if m.get("name", "").startswith(name))
 
 
-@pytest.mark.parametrize("size, expected", [(0, 262144), (1075, 262144), (4095, 262144),
-                                            (1048576, 1048576)])
-def test_configured_ring_size(size, expected):
+@pytest.mark.parametrize("ring, vrfmap, expected_ring, expected_map", [
+    (0, 0, 262144, 100), (1075, 0, 262144, 100), (4095, 1, 262144, 1),
+    (1048576, 1000, 1048576, 1000)])
+def test_configured_sizes(ring, vrfmap, expected_ring, expected_map):
     d = Records()
     try:
-        _, loaded = d.cmd(f"load {size}", "loaded")
+        _, loaded = d.cmd(f"load {ring} {vrfmap}", "loaded")
         assert loaded["ipv4"] and loaded["ipv6"]
-        assert ring_sizes() == [expected, expected]
+        assert map_sizes("ringbuf") == [expected_ring] * 2
+        assert map_sizes("namespace_filte") == [expected_map] * 2
     finally:
         d.close()
+
+
+def test_a_full_filter_map_is_reported_and_the_rest_goes_on(net):
+    a, b = net.ns("a"), net.ns("b")
+    d = Records()
+    d.cmd("load 0 1", "loaded")
+    d.cmd(f"add /run/netns/{a.name}", "add")
+    d.cmd(f"add /run/netns/{b.name}", "add")     # no room: reported, not fatal
+    d.cmd(f"remove /run/netns/{a.name}", "remove")
+    d.cmd(f"add /run/netns/{b.name}", "add")
+    err = d.close()
+    assert d.proc.returncode == 0
+    lines = [l for l in err.splitlines() if l.startswith("IcmpErrResponder: bpf_map_update_elem")]
+    assert len(lines) == 2, err   # once per family
 
 
 def test_a_full_ring_counts_each_lost_record_as_dropped(net):

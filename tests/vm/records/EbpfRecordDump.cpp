@@ -1,5 +1,5 @@
 // Drives the real loader for the VM tests: commands on stdin, one JSON object per line on stdout.
-//   load [RINGBUFSZ]   load both families           add PATH     filter the namespace at PATH
+//   load [RING [MAP]]  load both families           add PATH     filter the namespace at PATH
 //   drain              consume both rings            stats        the kernel programs' counts
 //   unload             unload both families          quit
 #include <arpa/inet.h>
@@ -74,9 +74,10 @@ int main() {
       in >> cmd;
       if (cmd == "load") {
          auto cfg = make<EbpfConfig>();
-         uint32_t ringBufSz = 0;
-         in >> ringBufSz;
+         uint32_t ringBufSz = 0, vrfMapSz = 0;
+         in >> ringBufSz >> vrfMapSz;
          cfg->ringBufSz.set(ringBufSz);
+         cfg->vrfMapSz.set(vrfMapSz);
          std::string loaded;
          for (auto& f : fam) {
             stats->errorResponderAfStatsIs(f.af);
