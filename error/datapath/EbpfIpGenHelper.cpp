@@ -319,12 +319,13 @@ int handle_v6event(void* ctx, void* data, size_t size) {
    return handleEvent(AddressFamily::ipv6, "handle_v6event", 40, ctx, data, size);
 }
 
-int ringBufferConsume(ring_buffer* ringBuf) {
-   RAVEL_ASSERT(ringBuf);
-   return ring_buffer__consume(ringBuf);
+int EbpfIpGenHelper::consume(const EbpfInitParams& params) {
+   RAVEL_ASSERT(params.ringBuf);
+   return ring_buffer__consume(params.ringBuf);
 }
 
-bool readEbpfKernelStats(int32_t statsMapFd, EbpfKernelStats& out) {
+bool EbpfIpGenHelper::kernelStats(const EbpfInitParams& params, EbpfKernelStats& out) const {
+   int32_t statsMapFd = params.statsMapFd;
    uint32_t queued = QUEUED, dropped = DROPPED;
    if (bpf_map_lookup_elem(statsMapFd, &queued, &out.queued) != 0 ||
        bpf_map_lookup_elem(statsMapFd, &dropped, &out.dropped) != 0) {
@@ -334,15 +335,14 @@ bool readEbpfKernelStats(int32_t statsMapFd, EbpfKernelStats& out) {
    return true;
 }
 
-bool clearEbpfKernelStats(int32_t statsMapFd) {
+void EbpfIpGenHelper::kernelStatsClear(const EbpfInitParams& params) {
    uint64_t zero = 0;
    for (uint32_t key : {uint32_t(DROPPED), uint32_t(QUEUED)}) {
-      if (bpf_map_update_elem(statsMapFd, &key, &zero, BPF_ANY) != 0) {
-         TRACE(1, "stats_map {} clear failed: {}", statsMapFd, libbpfErrorString(errno));
-         return false;
+      if (bpf_map_update_elem(params.statsMapFd, &key, &zero, BPF_ANY) != 0) {
+         TRACE(1, "stats_map {} clear failed: {}", params.statsMapFd, libbpfErrorString(errno));
+         return;
       }
    }
-   return true;
 }
 
 std::string libbpfErrorString(int err) {

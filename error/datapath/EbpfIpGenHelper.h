@@ -17,6 +17,9 @@ class EbpfIpGenHelper : public EbpfHelperBase {
    void addToVrfMap(int32_t mapFd, NsInode nsInode) override;
    void removeFromVrfMap(int32_t mapFd, NsInode nsInode) override;
    void afterUnload() override {}
+   int consume(const EbpfInitParams& params) override;
+   bool kernelStats(const EbpfInitParams& params, EbpfKernelStats& out) const override;
+   void kernelStatsClear(const EbpfInitParams& params) override;
 };
 
 // Stateless: a loaded program lives in the EbpfInitParams its caller keeps.
@@ -38,18 +41,6 @@ class EbpfIpv6Helper : public EbpfIpGenHelper {
 // rejected (counted), go on; -1: the context asked to yield, stop after this record.
 int handle_v4event(void* ctx, void* data, size_t size);
 int handle_v6event(void* ctx, void* data, size_t size);
-
-// Hands every record the ring holds now to its callback: the number consumed, or a negative
-// errno (-1 also when a callback asked to yield).
-int ringBufferConsume(ring_buffer* ringBuf);
-
-// The kernel program's own counts (stats_map).
-struct EbpfKernelStats {
-   uint64_t queued = 0;
-   uint64_t dropped = 0;
-};
-bool readEbpfKernelStats(int32_t statsMapFd, EbpfKernelStats& out);
-bool clearEbpfKernelStats(int32_t statsMapFd);
 
 // libbpf's text for a libbpf or errno code (either sign).
 std::string libbpfErrorString(int err);

@@ -16,6 +16,12 @@ class EBPFIcmpPacketInfoBase : public Node {
    virtual const void* data() const = 0;
 };
 
+// The kernel program's own counts (its stats_map).
+struct EbpfKernelStats {
+   uint64_t queued = 0;
+   uint64_t dropped = 0;
+};
+
 class EbpfHelperBase : public Node {
  public:
    // Empty parameters when the program could not be loaded; the loader has reported why.
@@ -25,6 +31,12 @@ class EbpfHelperBase : public Node {
    virtual void addToVrfMap(int32_t mapFd, NsInode nsInode) = 0;
    virtual void removeFromVrfMap(int32_t mapFd, NsInode nsInode) = 0;
    virtual void afterUnload() = 0;
+   // Draining a loaded program: hands every record its ring holds now to the ring's callback
+   // (which may ask to stop early); the kernel program's own counts, read and cleared.
+   // Records handed over, or a negative errno (-1 also when a callback asked to stop).
+   virtual int consume(const EbpfInitParams& params) = 0;
+   virtual bool kernelStats(const EbpfInitParams& params, EbpfKernelStats& out) const = 0;
+   virtual void kernelStatsClear(const EbpfInitParams& params) = 0;
    virtual void dumpState(DumpContext&, int) const {}
 };
 

@@ -144,8 +144,9 @@ class Scheduler {
    Seconds now() const { return clock_->now(); }
    Clock& clock() const { return *clock_; }
 
-   // Asked by a running task between work items; the yield policy answers.
-   bool taskShouldYield() { return yield_->shouldYield(now()); }
+   // Asked by a running task between work items; the yield policy answers. Outside a task run
+   // there is nothing to yield to.
+   bool taskShouldYield() { return current_ && yield_->shouldYield(now()); }
    void yieldPolicyIs(std::unique_ptr<YieldPolicy> yield) { yield_ = std::move(yield); }
    const TaskBase* currentTask() const { return current_; }
 

@@ -53,6 +53,13 @@ class EbpfTestHelper : public EbpfHelperBase {
       maps_[mapFd].erase(nsInode);
    }
    void afterUnload() override {}
+   // The ring is an eventfd nobody writes: there is never a record to hand over.
+   int consume(const EbpfInitParams&) override { return 0; }
+   bool kernelStats(const EbpfInitParams&, EbpfKernelStats& out) const override {
+      out = {};
+      return true;
+   }
+   void kernelStatsClear(const EbpfInitParams&) override {}
    void dumpState(DumpContext& ctx, int indent) const override {
       ctx.printf("%*cEbpfTestHelper loads=%u unloads=%u\n", indent, ' ', loads_, unloads_);
       for (auto& [fd, inodes] : maps_) {

@@ -91,7 +91,7 @@ TEST_F(EbpfLoader, LoadsOrReportsTheAttachFailureAndLeaksNothing) {
          helper->removeFromVrfMap(p.nsMapFd, key);  // absent: nothing to do, nothing said
          EXPECT_NE(bpf_map_lookup_elem(p.nsMapFd, &key, &value), 0);
          EbpfKernelStats k{1, 1};
-         EXPECT_TRUE(readEbpfKernelStats(p.statsMapFd, k));
+         EXPECT_TRUE(helper->kernelStats(p, k));
          helper->unloadProgram(p);
          EXPECT_EQ(openFds(), before);
       }

@@ -41,6 +41,12 @@ class FakeHelper : public EbpfHelperBase {
       maps[fd].erase(i);
    }
    void afterUnload() override { log.push_back("afterUnload"); }
+   int consume(const EbpfInitParams&) override { return 0; }
+   bool kernelStats(const EbpfInitParams&, EbpfKernelStats& out) const override {
+      out = {};
+      return true;
+   }
+   void kernelStatsClear(const EbpfInitParams&) override {}
 
    // The calls since the last look, afterUnload left out unless asked for.
    std::vector<std::string> take(bool withAfterUnload = false) {

@@ -109,14 +109,14 @@ int main() {
          int total = 0;
          for (auto& f : fam) {
             if (f.params)
-               total += ringBufferConsume(f.params.ringBuf);
+               total += f.helper->consume(f.params);
          }
          std::cout << fmt::format(R"({{"event":"drained","count":{}}})", total) << std::endl;
       } else if (cmd == "stats") {
          std::string out = R"({"event":"stats")";
          for (auto& f : fam) {
             EbpfKernelStats k;
-            if (f.params && readEbpfKernelStats(f.params.statsMapFd, k))
+            if (f.params && f.helper->kernelStats(f.params, k))
                out += fmt::format(
                    R"(,"{}":{{"queued":{},"dropped":{},"received":{},)"
                    R"("invalid":{},"insufficient":{}}})",
