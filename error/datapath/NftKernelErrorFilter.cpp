@@ -64,8 +64,10 @@ bool NftKernelErrorFilter::vrfIs(const VrfName& vrf, const std::string& nsPath) 
          nft_ctx_buffer_output(ctx.get());
          nft_ctx_buffer_error(ctx.get());
          rc = nft_run_cmd_from_buffer(ctx.get(), ruleset().c_str());
-         if (rc != 0)
+         if (rc != 0) {
             error = nft_ctx_get_error_buffer(ctx.get());
+            error = error.substr(0, error.find('\n'));  // the rest points into the ruleset
+         }
       });
    } catch (const std::exception& e) {
       error = e.what();
