@@ -4,6 +4,8 @@
 
 #include <fmt/format.h>
 
+#include <sys/stat.h>
+
 #include <exception>
 #include <utility>
 
@@ -18,6 +20,14 @@ namespace {
 
 std::string nsLabel(const std::string& nsPath) {
    return nsPath.empty() ? "own namespace" : nsPath;
+}
+
+// Identity of the namespace a path names now (0 when none): a namespace deleted and made again
+// under the same name is another namespace.
+ino_t namespaceId(const std::string& nsPath) {
+   struct stat st {};
+   return ::stat(nsPath.empty() ? "/proc/thread-self/ns/net" : nsPath.c_str(), &st) == 0 ? st.st_ino
+                                                                                         : 0;
 }
 
 }  // namespace
@@ -46,18 +56,21 @@ NftKernelErrorFilter::~NftKernelErrorFilter() = default;
 bool NftKernelErrorFilter::vrfIs(const VrfName& vrf, const std::string& nsPath) {
    auto it = vrfs_.find(vrf);
    if (it != vrfs_.end()) {
-      if (it->second.nsPath == nsPath)
+      if (it->second.nsPath == nsPath && it->second.nsId == namespaceId(nsPath))
          return true;
-      vrfs_.erase(it);  // the old namespace's table goes with its socket
+      // The old table goes with its socket, which also stops pinning a deleted namespace.
+      vrfs_.erase(it);
    }
    Ctx ctx;
    std::string error;
    int rc = -1;
+   ino_t nsId = 0;
    try {
       // The context's netlink socket stays in the namespace it was opened in. libnftables opens
       // it in nft_ctx_new, but running the first command here too keeps this right should it
       // ever open lazily.
       inNamespace(nsPath, [&] {
+         nsId = namespaceId("");
          ctx.reset(nft_ctx_new(NFT_CTX_DEFAULT));
          if (!ctx)
             return;
@@ -80,7 +93,7 @@ bool NftKernelErrorFilter::vrfIs(const VrfName& vrf, const std::string& nsPath) 
             error);
       return false;
    }
-   vrfs_.emplace(vrf, Installed{nsPath, std::move(ctx)});
+   vrfs_.emplace(vrf, Installed{nsPath, nsId, std::move(ctx)});
    TRACE(3, "VRF {}: kernel error filter installed in {}", vrf.str(), nsLabel(nsPath));
    return true;
 }

@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <map>
 #include <memory>
 #include <string>
@@ -34,6 +36,7 @@ class NftKernelErrorFilter final : public KernelErrorFilter {
    using Ctx = std::unique_ptr<nft_ctx, CtxFree>;
    struct Installed {
       std::string nsPath;
+      ino_t nsId;
       Ctx ctx;
    };
    std::map<VrfName, Installed> vrfs_;

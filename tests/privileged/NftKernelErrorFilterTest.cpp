@@ -84,6 +84,13 @@ TEST(NftKernelErrorFilter, InstallsOwnedTableUntilDeleted) {
    EXPECT_FALSE(hasTable(red));
    EXPECT_TRUE(hasTable(blue));
 
+   // A namespace made again under the same name is a new one and gets its own table.
+   sh("ip netns del " + blue.name);
+   sh("ip netns add " + blue.name);
+   EXPECT_FALSE(hasTable(blue));
+   EXPECT_TRUE(filter.vrfIs("red", blue.path));
+   EXPECT_TRUE(hasTable(blue));
+
    filter.vrfDel("red");
    EXPECT_FALSE(hasTable(blue));
    EXPECT_EQ(filter.vrfCount(), 0u);
