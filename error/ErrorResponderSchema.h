@@ -55,6 +55,8 @@ class Config : public Entity {
    Attr<TriState> enabled;
    Attr<bool> addHostName;
    Attr<uint8_t> nodeIdCodePoint;  // 0: no node identification object
+   // Drop the kernel's own unmarked errors where extended errors are enabled.
+   Attr<bool> suppressKernelErrors{true};
    Collection<VrfName, Ptr<VrfConfig>> vrfConfig;
 };
 

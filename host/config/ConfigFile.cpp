@@ -213,7 +213,7 @@ class Parser {
 
    void parseError(const Val& n, ErrorSettings& e) {
       auto f = fields(n, {"enabled", "add-host-name", "node-id-code-point", "ring-buffer-size",
-                          "vrf-map-size", "vrfs"});
+                          "vrf-map-size", "suppress-kernel-errors", "vrfs"});
       if (auto v = field(f, "enabled"))
          e.enabled = triState(*v);
       if (auto v = field(f, "add-host-name"))
@@ -224,6 +224,8 @@ class Parser {
          e.ringBufferSize = ringBufferSize(*v);
       if (auto v = field(f, "vrf-map-size"))
          e.vrfMapSize = static_cast<uint32_t>(number(*v, UINT32_MAX));
+      if (auto v = field(f, "suppress-kernel-errors"))
+         e.suppressKernelErrors = boolean(*v);
       auto vrfs = field(f, "vrfs");
       if (!vrfs)
          return;
@@ -452,6 +454,7 @@ std::string renderConfig(const RavelConfig& c) {
    out << YAML::Key << "node-id-code-point" << YAML::Value << unsigned{e.nodeIdCodePoint};
    out << YAML::Key << "ring-buffer-size" << YAML::Value << e.ringBufferSize;
    out << YAML::Key << "vrf-map-size" << YAML::Value << e.vrfMapSize;
+   out << YAML::Key << "suppress-kernel-errors" << YAML::Value << e.suppressKernelErrors;
    out << YAML::Key << "vrfs" << YAML::Value << YAML::BeginMap;
    for (auto& [name, v] : e.vrfs) {
       out << YAML::Key << name.str() << YAML::Value << YAML::BeginMap;

@@ -44,6 +44,7 @@ struct ErrorSettings {
    uint32_t ringBufferSize = 0;  // bytes; 0 keeps the kernel program's default
    uint32_t vrfMapSize = 0;      // entries; 0 keeps the kernel program's default
    std::map<VrfName, ErrorVrfSettings> vrfs;
+   bool suppressKernelErrors = true;  // drop the kernel's own errors where ours are on
    bool operator==(const ErrorSettings&) const = default;
 };
 

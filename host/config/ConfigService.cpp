@@ -121,6 +121,7 @@ void ConfigService::apply(const RavelConfig& c) {
    }
    er.addHostName.set(e.addHostName);
    er.nodeIdCodePoint.set(e.nodeIdCodePoint);
+   er.suppressKernelErrors.set(e.suppressKernelErrors);
    er.enabled.set(e.enabled);
 
    if (!c.probe.enabled)

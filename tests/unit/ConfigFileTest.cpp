@@ -50,6 +50,8 @@ TEST(ConfigFileParse, GoodFiles) {
         [](RavelConfig& c) {
            c.errorResponder = {TriState::of(false), true, 255, 65536, 4294967295u, {}};
         }},
+       {"error-responder:\n  suppress-kernel-errors: false\n",
+        [](RavelConfig& c) { c.errorResponder.suppressKernelErrors = false; }},
        {"error-responder:\n  enabled: ~\n  vrfs:\n    default:\n    " + std::string(100, 'v') +
             ":\n      enabled: true\n      ipv4-acl: EDGE\n      ipv6-acl: ~\n"
             "      node-id: { ipv4: 192.0.2.1, ipv6: \"2001:db8::1\", interface: red/eth0 }\n"
@@ -209,6 +211,7 @@ error-responder:
   node-id-code-point: 0
   ring-buffer-size: 0
   vrf-map-size: 0
+  suppress-kernel-errors: true
   vrfs:
     red:
       enabled: ~
