@@ -11,25 +11,17 @@
 
 #include "platform/values/Checksum.h"
 #include "platform/values/PacketHeaders.h"
+#include "tests/unit/TestBytes.h"
 #include "wire/IcmpExtension.h"
 #include "wire/ProbePacket.h"
 
 namespace Ravel {
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using test::Bytes;
+using test::hex;
 
-Bytes hex(std::string s) {
-   std::erase(s, ' ');
-   Bytes out;
-   for (size_t i = 0; i + 1 < s.size(); i += 2)
-      out.push_back(static_cast<uint8_t>(std::stoi(s.substr(i, 2), nullptr, 16)));
-   return out;
-}
-
-IpGenAddr ip(const char* text) {
-   return *IpGenAddr::parse(text);
-}
+using test::ip;
 
 constexpr AddressFamily v4 = AddressFamily::ipv4, v6 = AddressFamily::ipv6;
 

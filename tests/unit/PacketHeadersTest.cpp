@@ -6,6 +6,7 @@
 
 #include "platform/values/PacketHeaders.h"
 #include "platform/values/Pkt.h"
+#include "tests/unit/TestBytes.h"
 
 namespace Ravel {
 namespace {
@@ -20,9 +21,7 @@ Bytes hex(const std::string& s) {
    return out;
 }
 
-IpGenAddr ip(const char* text) {
-   return *IpGenAddr::parse(text);
-}
+using test::ip;
 
 // The usual IPv4 header example (UDP, DF, 192.168.0.1 to 192.168.0.199, checksum b861).
 const char* const kIpv4 = "45000073000040004011b861c0a80001c0a800c7";
