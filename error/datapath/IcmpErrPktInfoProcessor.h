@@ -9,6 +9,7 @@
 #include "bpf/IcmpPktInfo.h"
 #include "error/ErrorResponderCounterSm.h"
 #include "error/ErrorResponderTypes.h"
+#include "error/datapath/ErrorResponderEbpfHelper.h"
 #include "error/datapath/ErrorResponderEbpfpacket.h"
 #include "error/datapath/InterfaceLookupHelper.h"
 #include "pam/PamRecords.h"
@@ -37,6 +38,10 @@ class IcmpErrPktInfoProcessor : public Node {
    void handleInitialized();
    // One record; its memory need only be valid during the call.
    void processPacketInfo(const packet_info& pktInfo);
+   // A record as the ring-buffer callback hands it over (its size already checked).
+   void processPacketInfo(const EBPFIcmpPacketInfoBase& pktInfo) {
+      processPacketInfo(*static_cast<const packet_info*>(pktInfo.data()));
+   }
 
    bool nsValidate(const packet_info& pktInfo) const;
    VrfName getVrf(const packet_info& pktInfo) const;

@@ -39,9 +39,9 @@ Bytes offending(AddressFamily af, size_t len) {
       h[0] = 0x60;
       h[6] = 17;
       h[7] = 1;
-      auto s = ip("2001:db8:1::7").bytes(), t = ip("2001:db8:2::9").bytes();
-      std::copy(s.begin(), s.end(), h.begin() + 8);
-      std::copy(t.begin(), t.end(), h.begin() + 24);
+      IpGenAddr s = ip("2001:db8:1::7"), t = ip("2001:db8:2::9");
+      std::copy(s.bytes().begin(), s.bytes().end(), h.begin() + 8);
+      std::copy(t.bytes().begin(), t.bytes().end(), h.begin() + 24);
       std::memcpy(d.data(), h.data(), std::min(h.size(), len));
    }
    return d;
@@ -281,6 +281,15 @@ TEST_F(ErrorDatapathTest, NodeIdAddressPreference) {
    auto m = reply(v4, 200);
    ASSERT_TRUE(m.node);
    EXPECT_EQ(*m.node, (IcmpNodeIdObject{200, ip("10.9.9.9"), "r1"}));
+
+   // Without an address the object carries the host name alone (C-Type 0x02).
+   pam[0]->tx.clear();
+   config->vrfConfig.get("red")->nodeIdConfig.set({});
+   proc[0]->processPacketInfo(record(v4, kIcmpDestUnreach, 3, 60));
+   m = reply(v4, 200);
+   ASSERT_TRUE(m.node);
+   EXPECT_EQ(*m.node, (IcmpNodeIdObject{200, {}, "r1"}));
+   EXPECT_EQ(pam[0]->tx[0].bytes[8 + 128 + 4 + 32 + 3], 0x02);
 }
 
 TEST_F(ErrorDatapathTest, InterfaceLookup) {
@@ -490,11 +499,26 @@ TEST_F(ErrorDatapathTest, SendSetsMarkAndAddressesAndCountsFailures) {
 
 TEST_F(ErrorDatapathTest, LinkLocalDestinationLeavesThroughTheArrivalInterface) {
    auto r = record(v6, kIcmp6TimeExceeded, 0, 100);
-   auto dst = ip("fe80::42").bytes();
-   std::memcpy(r.dst_addr.ip6, dst.data(), 16);
+   IpGenAddr dst = ip("fe80::42");
+   std::memcpy(r.dst_addr.ip6, dst.bytes().data(), 16);
    proc[1]->processPacketInfo(r);
    ASSERT_EQ(pam[1]->tx.size(), 1u);
    EXPECT_EQ(pam[1]->tx[0].ifIndex, kEth1);
+}
+
+// The loader hands records over through its view; the processor reads the same bytes.
+TEST_F(ErrorDatapathTest, RecordViewOfTheLoader) {
+   struct View : EBPFIcmpPacketInfoBase {
+      packet_info r;
+      uint32_t ifIndex() const override { return r.ifindex; }
+      const void* data() const override { return &r; }
+   };
+   auto v = make<View>();
+   v->r = record(v4, kIcmpDestUnreach, 1, 60);
+   proc[0]->processPacketInfo(*v);
+   auto m = reply(v4);
+   ASSERT_EQ(m.intfs.size(), 1u);
+   EXPECT_EQ(m.intfs[0].role, IcmpIntfRole::outgoing);
 }
 
 }  // namespace
