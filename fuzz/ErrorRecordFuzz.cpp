@@ -135,7 +135,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
    packet_info r{};
    bool aimed = in.ConsumeBool();  // reach the reply path rather than namespace validation
    auto raw = in.ConsumeBytes<uint8_t>(in.ConsumeIntegralInRange<size_t>(0, sizeof r));
-   std::memcpy(&r, raw.data(), raw.size());
+   if (!raw.empty())
+      std::memcpy(&r, raw.data(), raw.size());
    if (aimed) {
       r.nsindex = static_cast<uint32_t>(kInode);
       r.ifindex = in.ConsumeBool() ? 7 : r.ifindex;
