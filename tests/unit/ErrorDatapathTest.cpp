@@ -339,21 +339,6 @@ TEST_F(ErrorDatapathTest, InterfaceLookup) {
    EXPECT_TRUE(helper->icmpIntfInfo(v4, kEth1, "red").isValid);
 }
 
-TEST(ErrorDatapath, SourceAddressOrderIsIndependentOfConfigurationOrder) {
-   SourceAddressSelector sel;
-   std::vector<const char*> addrs = {"fe80::1", "2001:db8::5", "fd00::7", "2001:db8::9"};
-   std::sort(addrs.begin(), addrs.end());
-   do {
-      std::set<IpPrefixAddr> set;
-      for (auto a : addrs)
-         set.insert({ip(a), 64});
-      EXPECT_EQ(sel.select(set), ip("2001:db8::9"));
-   } while (std::next_permutation(addrs.begin(), addrs.end()));
-   EXPECT_TRUE(SourceAddressSelector::compareIp6Addr(ip("2001:db8::1"), ip("fe80::9")));
-   EXPECT_FALSE(SourceAddressSelector::compareIp6Addr(ip("fe80::9"), ip("2001:db8::1")));
-   EXPECT_TRUE(SourceAddressSelector::compareIp6Addr(ip("fe80::9"), ip("fe80::1")));
-}
-
 // The reply handler's bytes for the two families, against the layout RFC 4884 and RFC 5837 fix.
 TEST_F(ErrorDatapathTest, ReplyHandlerBuildsTheMessage) {
    struct Case {
