@@ -28,9 +28,7 @@ std::string systemHostName() {
 
 IcmpErrReplyHandler::IcmpErrReplyHandler(Ptr<PamCollection> pamCollection,
                                          Ptr<ErrorResponderStats> stats)
-    : pamCollection_(std::move(pamCollection)),
-      stats_(std::move(stats)),
-      hostName_(systemHostName()) {
+    : pamCollection_(std::move(pamCollection)), stats_(std::move(stats)) {
    RAVEL_ASSERT(pamCollection_);
    RAVEL_ASSERT(stats_);
 }
@@ -58,14 +56,15 @@ IcmpErrorSpec IcmpErrReplyHandler::errorSpec(bool withExtensions) const {
    if (!withExtensions)
       return s;
    const IcmpIntfInfo& i = metadata_.inIntfInfo;
+   std::string host = metadata_.addHostName || metadata_.nodeIdCodePoint ? hostName() : "";
    s.intf.role = icmpErrorIntfRole(af_, s.type, s.code);
    s.intf.ifIndex = i.nosIfIndex;
    s.intf.addr = i.intfAddr;
    // The codec cuts names to the 63 octets RFC 5837 section 4.3 allows.
-   s.intf.name = metadata_.addHostName ? i.qualifiedIntfName(hostName_) : i.intfId.str();
+   s.intf.name = metadata_.addHostName ? i.qualifiedIntfName(host) : i.intfId.str();
    s.intf.mtu = i.intfMtu;
    if (metadata_.nodeIdCodePoint != 0)
-      s.node = IcmpNodeIdObject{metadata_.nodeIdCodePoint, metadata_.hostIdAddr, hostName_};
+      s.node = IcmpNodeIdObject{metadata_.nodeIdCodePoint, metadata_.hostIdAddr, host};
    return s;
 }
 

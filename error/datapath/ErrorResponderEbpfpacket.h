@@ -5,6 +5,7 @@
 // the VRF's PAM.
 
 #include <cstdint>
+#include <optional>
 #include <string>
 
 #include "bpf/IcmpPktInfo.h"
@@ -53,7 +54,9 @@ class IcmpErrReplyHandler : public Node {
    const Ptr<Pkt>& pkt() const { return pkt_; }
    void pktDel() { pkt_ = nullptr; }
    const ReplyPktMetadata& metadata() const { return metadata_; }
-   const std::string& hostName() const { return hostName_; }
+   // The system's host name, read at each use so that a rename shows at once; a name set
+   // here replaces it.
+   std::string hostName() const { return hostName_ ? *hostName_ : systemHostName(); }
    void hostNameIs(std::string n) { hostName_ = std::move(n); }
 
  protected:
@@ -66,7 +69,7 @@ class IcmpErrReplyHandler : public Node {
    ReplyPktMetadata metadata_;
    AddressFamily af_ = AddressFamily::ipunknown;
    Ptr<Pkt> pkt_;
-   std::string hostName_;
+   std::optional<std::string> hostName_;
 };
 
 class IcmpErrV4ReplyHandler : public IcmpErrReplyHandler {
