@@ -34,6 +34,9 @@ RootSm::RootSm(RootSmInputs inputs, HelperSetup helperSetup)
    RAVEL_ASSERT(in_.allVrfStatusLocal);
    RAVEL_ASSERT(in_.ebpfConfig);
    configSm_ = make<ConfigSm>(in_.config, in_.allVrfStatusLocal, in_.ebpfConfig, in_.status);
+   intfLookupHelper_ =
+       intfLookupHelperFactory({in_.allIntfStatusDir, in_.allIntfStatusLocalDir, in_.kniStatus,
+                                in_.ipStatus, in_.ip6Status, in_.ebpfConfig, in_.em});
    for (AddressFamily af : kFamilies) {
       handlerContext_[idx(af)] = make<EbpfHandlerContext>(errorResponderStats_);
       initStatus_[idx(af)] = make<EbpfInitStatus>(af);
@@ -71,6 +74,7 @@ void RootSm::handleInitialized() {
    RAVEL_ASSERT(config());
    RAVEL_ASSERT(status());
    RAVEL_ASSERT(configSm());
+   RAVEL_ASSERT(intfLookupHelper());
    setupEpfHelper();
    RAVEL_ASSERT(v4EbpfHelper());
    in_.status->afStatusDelAll();
@@ -119,10 +123,21 @@ void RootSm::handleAf(AddressFamily af) {
       RAVEL_ASSERT_MSG(initStatus_[idx(af)]->ebpfProgLoaded(),
                        "Unexpected, EBPF program not loaded yet.");
       TRACE(4, "Creating {}", name);
-      // The ring-buffer drain comes with the kernel loader; the substitute loader has no
-      // ring buffer to drain in any case.
+      RAVEL_ASSERT(in_.aclInput);
+      auto processor = make<IcmpPktInfoProcessor>(IcmpErrPktInfoProcessorInputs{
+          af, intfLookupHelper_, in_.pamCollection, in_.config, vrfStatus_[idx(af)],
+          in_.aclInput->of(af), errorResponderStats_, in_.ebpfConfig});
+      processor_[idx(af)] = processor;
+      ringBufSm_[idx(af)] = make<EbpfRingBufSm>(
+          af, initStatus_[idx(af)], handlerContext_[idx(af)], helper_[idx(af)],
+          errorResponderStats_,
+          [processor](EBPFIcmpPacketInfoBase& pktInfo) { processor->processPacketInfo(pktInfo); },
+          Scheduler::defaultScheduler());
    } else {
       TRACE(4, "Deleting {}Del", name);
+      // Before the program is unloaded and its ring's descriptor closed.
+      ringBufSm_[idx(af)].reset();
+      processor_[idx(af)].reset();
    }
 }
 
@@ -181,6 +196,8 @@ void RootSm::dumpState(DumpContext& ctx, int indent) const {
          continue;
       RAVEL_DUMP(ctx, in, "%sEbpfProgSm\n", af == AddressFamily::ipv4 ? "v4" : "v6");
       progSm_[idx(af)]->dumpState(ctx, in + 2);
+      if (ringBufSm_[idx(af)])
+         ringBufSm_[idx(af)]->dumpState(ctx, in + 2);
    }
 }
 

@@ -3,9 +3,12 @@
 #include <functional>
 
 #include "agent/MiniAgent.h"
+#include "error/EbpfRingBufSm.h"
 #include "error/ErrorResponderConfigSm.h"
 #include "error/ErrorResponderCounterSm.h"
 #include "error/ErrorResponderEbpfSm.h"
+#include "error/datapath/IcmpErrPktInfoProcessor.h"
+#include "error/datapath/InterfaceLookupHelper.h"
 #include "platform/store/Acl.h"
 
 namespace Ravel::ErrorResponder {
@@ -68,6 +71,8 @@ class RootSm : public Node {
    void v4EbpfHelperIs(const Ptr<EbpfHelperBase>& h) { helper_[0] = h; }
    void v6EbpfHelperIs(const Ptr<EbpfHelperBase>& h) { helper_[1] = h; }
    const Ptr<EbpfProgSm>& ebpfProgSm(AddressFamily af) const { return progSm_[idx(af)]; }
+   const Ptr<EbpfRingBufSm>& ebpfRingBufSm(AddressFamily af) const { return ringBufSm_[idx(af)]; }
+   const Ptr<IntfLookupHelper>& intfLookupHelper() const { return intfLookupHelper_; }
    const Ptr<EbpfInitStatus>& ebpfInitStatus(AddressFamily af) const {
       return initStatus_[idx(af)];
    }
@@ -92,6 +97,10 @@ class RootSm : public Node {
    Ptr<EbpfVrfStatus> vrfStatus_[2];
    Ptr<EbpfHelperBase> helper_[2];
    Ptr<EbpfProgSm> progSm_[2];
+   Ptr<IntfLookupHelper> intfLookupHelper_;
+   // While the family's program is loaded.
+   Ptr<IcmpPktInfoProcessor> processor_[2];
+   Ptr<EbpfRingBufSm> ringBufSm_[2];
    bool initialized_ = false;
    Subscription afStatusSub_;
    Subscription vrfConfigSub_;

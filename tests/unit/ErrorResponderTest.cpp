@@ -7,7 +7,12 @@
 #include <string>
 #include <vector>
 
+#include <sys/eventfd.h>
+
+#include <deque>
+
 #include "error/ErrorResponderAgent.h"
+#include "platform/core/Fd.h"
 
 namespace Ravel::ErrorResponder {
 namespace {
@@ -20,7 +25,9 @@ class FakeHelper : public EbpfHelperBase {
       if (failLoads)
          return {};
       EbpfInitParams p;
-      p.ringBufFd = nextFd++;
+      // The ring's descriptor is watched by the drain task: it must be a real one.
+      rings.emplace_back(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+      p.ringBufFd = rings.back().get();
       p.nsMapFd = nextFd++;
       p.statsMapFd = nextFd++;
       maps[p.nsMapFd];
@@ -41,6 +48,7 @@ class FakeHelper : public EbpfHelperBase {
       maps[fd].erase(i);
    }
    void afterUnload() override { log.push_back("afterUnload"); }
+   std::deque<Fd> rings;
    int consume(const EbpfInitParams&) override { return 0; }
    bool kernelStats(const EbpfInitParams&, EbpfKernelStats& out) const override {
       out = {};
@@ -192,6 +200,8 @@ TEST_F(ErrorResponderTest, FirstVrfLoadsBothFamiliesLastUnloadsThem) {
    EXPECT_EQ(v4->take(), (Strings{"load", "add 101"}));
    EXPECT_EQ(v6->take(), (Strings{"load", "add 101"}));
    EXPECT_TRUE(loaded(kV4) && loaded(kV6));
+   // Each loaded family drains its ring.
+   EXPECT_TRUE(root->ebpfRingBufSm(kV4) && root->ebpfRingBufSm(kV6));
    configure("blue", TriState::of(true));
    EXPECT_EQ(v4->take(), (Strings{"add 102"}));
    EXPECT_EQ(v6->take(), (Strings{"add 102"}));
@@ -203,6 +213,7 @@ TEST_F(ErrorResponderTest, FirstVrfLoadsBothFamiliesLastUnloadsThem) {
    EXPECT_EQ(v4->take(true), (Strings{"unload", "afterUnload"}));
    EXPECT_EQ(v6->take(), (Strings{"unload"}));
    EXPECT_FALSE(loaded(kV4) || loaded(kV6));
+   EXPECT_FALSE(root->ebpfRingBufSm(kV4) || root->ebpfRingBufSm(kV6));
    EXPECT_FALSE(root->errorResponderStats()->errorResponderAfStats(kV4));
    EXPECT_EQ(pamConfig->vrf.size(), 1u);  // blue is still configured
 }
