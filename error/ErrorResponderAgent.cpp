@@ -1,5 +1,7 @@
 #include "error/ErrorResponderAgent.h"
 
+#include "error/datapath/NftKernelErrorFilter.h"
+
 #include <dlfcn.h>
 
 #include <cstdlib>
@@ -21,8 +23,12 @@ constexpr AddressFamily kFamilies[] = {AddressFamily::ipv4, AddressFamily::ipv6}
 
 }  // namespace
 
-RootSm::RootSm(RootSmInputs inputs, HelperSetup helperSetup)
-    : in_(std::move(inputs)), helperSetup_(std::move(helperSetup)) {
+RootSm::RootSm(RootSmInputs inputs, HelperSetup helperSetup,
+               std::unique_ptr<KernelErrorFilter> kernelErrorFilter)
+    : in_(std::move(inputs)),
+      helperSetup_(std::move(helperSetup)),
+      kernelErrorFilter_(kernelErrorFilter ? std::move(kernelErrorFilter)
+                                           : std::make_unique<NftKernelErrorFilter>()) {
    RAVEL_ASSERT(in_.status);
    RAVEL_ASSERT(in_.config);
    afStatusSub_ = in_.status->afStatus.subscribe([this](const AddressFamily& af) { handleAf(af); });
@@ -37,6 +43,15 @@ RootSm::RootSm(RootSmInputs inputs, HelperSetup helperSetup)
    intfLookupHelper_ =
        intfLookupHelperFactory({in_.allIntfStatusDir, in_.allIntfStatusLocalDir, in_.kniStatus,
                                 in_.ipStatus, in_.ip6Status, in_.ebpfConfig, in_.em});
+   ebpfEntrySub_ = in_.ebpfConfig->entry.subscribe(
+       [this](const VrfName& vrf) { handleKernelErrorFilter(vrf); });
+   suppressSub_ = in_.config->suppressKernelErrors.subscribe([this] {
+      std::vector<VrfName> vrfs;
+      for (auto& [vrf, e] : in_.ebpfConfig->entry)
+         vrfs.push_back(vrf);
+      for (auto& vrf : vrfs)
+         handleKernelErrorFilter(vrf);
+   });
    for (AddressFamily af : kFamilies) {
       handlerContext_[idx(af)] = make<EbpfHandlerContext>(errorResponderStats_);
       initStatus_[idx(af)] = make<EbpfInitStatus>(af);
@@ -51,6 +66,8 @@ RootSm::RootSm(RootSmInputs inputs, HelperSetup helperSetup)
 }
 
 RootSm::~RootSm() {
+   ebpfEntrySub_.reset();
+   suppressSub_.reset();
    afStatusSub_.reset();
    vrfConfigSub_.reset();
    pollCounterSm_->destroy();
@@ -87,6 +104,21 @@ void RootSm::handleInitialized() {
    initialized_ = true;
    for (AddressFamily af : kFamilies)
       handleAf(af);
+}
+
+void RootSm::handleKernelErrorFilter(const VrfName& vrf) {
+   bool want = in_.config->suppressKernelErrors() && in_.ebpfConfig->entry.has(vrf);
+   std::string nsPath;
+   if (want && !vrf.isDefault()) {
+      auto s = in_.allVrfStatusLocal->vrf.get(vrf);
+      want = s && !s->nsPath().empty();
+      nsPath = want ? s->nsPath() : "";
+   }
+   TRACE(4, "vrf {} kernel error filter {}", vrf, want ? "on" : "off");
+   if (!want)
+      kernelErrorFilter_->vrfDel(vrf);
+   else if (!kernelErrorFilter_->vrfIs(vrf, nsPath))
+      TRACE(1, "vrf {}: the kernel's own errors are not filtered", vrf);
 }
 
 void RootSm::setupEpfHelper() {

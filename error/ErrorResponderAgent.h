@@ -9,6 +9,7 @@
 #include "error/ErrorResponderEbpfSm.h"
 #include "error/datapath/IcmpErrPktInfoProcessor.h"
 #include "error/datapath/InterfaceLookupHelper.h"
+#include "error/datapath/KernelErrorFilter.h"
 #include "platform/store/Acl.h"
 
 namespace Ravel::ErrorResponder {
@@ -38,11 +39,15 @@ class RootSm : public Node {
    // Picks the loaders; tests hand in their own, the daemon leaves it empty.
    using HelperSetup = std::function<void(RootSm&)>;
 
-   explicit RootSm(RootSmInputs inputs, HelperSetup helperSetup = nullptr);
+   // `kernelErrorFilter` null: the nftables one.
+   explicit RootSm(RootSmInputs inputs, HelperSetup helperSetup = nullptr,
+                   std::unique_ptr<KernelErrorFilter> kernelErrorFilter = nullptr);
    ~RootSm() override;
 
    void handleInitialized();
    void setupEpfHelper();
+   // The kernel's own errors are dropped in a VRF while extended errors are programmed there.
+   void handleKernelErrorFilter(const VrfName& vrf);
    void handleAf(AddressFamily af);
    void handleVrfPamConfig(const VrfName& vrfName);
    void dumpState(DumpContext& ctx, int indent) const;
@@ -101,9 +106,12 @@ class RootSm : public Node {
    // While the family's program is loaded.
    Ptr<IcmpPktInfoProcessor> processor_[2];
    Ptr<EbpfRingBufSm> ringBufSm_[2];
+   std::unique_ptr<KernelErrorFilter> kernelErrorFilter_;
    bool initialized_ = false;
    Subscription afStatusSub_;
    Subscription vrfConfigSub_;
+   Subscription ebpfEntrySub_;
+   Subscription suppressSub_;
 };
 
 // The extended ICMP error responder's sub-agent.

@@ -115,6 +115,7 @@ bool LinuxStateProvider::addVrf(const VrfName& vrf, const std::string& path, NsI
       auto s = make<VrfStatusLocal>(vrf);
       s->state.set(VrfState::active);
       s->nsInode.set(inode);
+      s->nsPath.set(path);
       s->nsInodeValid.set(true);
       vrfStatus_->vrf.is(vrf, s);
    }

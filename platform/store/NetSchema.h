@@ -112,6 +112,7 @@ class VrfStatusLocal : public Node {
    Attr<VrfState> state;
    Attr<bool> nsInodeValid;
    Attr<NsInode> nsInode;
+   Attr<std::string> nsPath;  // the namespace file
 };
 
 // "ip/vrf/status/local": one entry per non-default VRF whose namespace is known.

@@ -13,6 +13,7 @@
 
 #include "error/ErrorResponderAgent.h"
 #include "platform/core/Fd.h"
+#include "tests/unit/FakeKernelErrorFilter.h"
 
 namespace Ravel::ErrorResponder {
 namespace {
@@ -110,10 +111,13 @@ struct ErrorResponderTest : ::testing::Test {
               make<EntityManager>()};
    }
    void start() {
-      root = make<RootSm>(inputs(), [this](RootSm& r) {
-         r.v4EbpfHelperIs(v4);
-         r.v6EbpfHelperIs(v6);
-      });
+      root = make<RootSm>(
+          inputs(),
+          [this](RootSm& r) {
+             r.v4EbpfHelperIs(v4);
+             r.v6EbpfHelperIs(v6);
+          },
+          std::make_unique<testing::FakeKernelErrorFilter>());
    }
    ~ErrorResponderTest() override {
       root.reset();
@@ -395,7 +399,7 @@ TEST_F(ErrorResponderTest, PamsAreRequestedForEveryConfiguredVrf) {
 
 TEST_F(ErrorResponderTest, SubstituteLoaderIsSharedByBothFamilies) {
    setenv("MOCK_EBPF_HELPER", "1", 1);
-   root = make<RootSm>(inputs());
+   root = make<RootSm>(inputs(), nullptr, std::make_unique<testing::FakeKernelErrorFilter>());
    EXPECT_TRUE(root->mockEbpfEnvironment());
    EXPECT_EQ(root->v4EbpfHelper(), root->v6EbpfHelper());
    nsUp("red", 101);
