@@ -45,13 +45,15 @@ RootSm::RootSm(RootSmInputs inputs, HelperSetup helperSetup,
                                 in_.ipStatus, in_.ip6Status, in_.ebpfConfig, in_.em});
    ebpfEntrySub_ = in_.ebpfConfig->entry.subscribe(
        [this](const VrfName& vrf) { handleKernelErrorFilter(vrf); });
-   suppressSub_ = in_.config->suppressKernelErrors.subscribe([this] {
+   auto filterAll = [this] {
       std::vector<VrfName> vrfs;
       for (auto& [vrf, e] : in_.ebpfConfig->entry)
          vrfs.push_back(vrf);
       for (auto& vrf : vrfs)
          handleKernelErrorFilter(vrf);
-   });
+   };
+   suppressSub_ = in_.config->suppressKernelErrors.subscribe(filterAll);
+   filterAll();  // entries made before this subscription
    for (AddressFamily af : kFamilies) {
       handlerContext_[idx(af)] = make<EbpfHandlerContext>(errorResponderStats_);
       initStatus_[idx(af)] = make<EbpfInitStatus>(af);

@@ -1,5 +1,6 @@
 """The daemon's extended errors, end to end on a kernel with kprobes: a packet expiring in the
-router reaches the client as the kernel's plain error and as Ravel's RFC 4884/5837 one."""
+router reaches the client as Ravel's RFC 4884/5837 error, and as the kernel's plain one only
+when the kernel's own errors are not suppressed."""
 import json
 import os
 import subprocess
@@ -49,11 +50,13 @@ def interface_objects(msg):
     return objs
 
 
-def test_udp_traceroute_hop_gets_the_kernel_error_and_ravels_extended_one(net, tmp_path):
+@pytest.mark.parametrize("suppress", [True, False])
+def test_udp_traceroute_hop_gets_ravels_extended_error(net, tmp_path, suppress):
     client, server = net.ns("c"), net.ns("s")
     router = net.router(client, "192.0.2", server, "198.51.100")
     cfg = tmp_path / "ravel.yaml"
-    cfg.write_text("error-responder:\n  enabled: true\n  suppress-kernel-errors: false\n"
+    cfg.write_text("error-responder:\n  enabled: true\n"
+                   f"  suppress-kernel-errors: {str(suppress).lower()}\n"
                    "  vrfs:\n    default: {}\n")
     sock = tmp_path / "ravel.sock"
     (tmp_path / "netns").mkdir()
@@ -82,7 +85,7 @@ def test_udp_traceroute_hop_gets_the_kernel_error_and_ravels_extended_one(net, t
         assert all(m[0] == 11 for m in msgs), out
         plain = [m for m in msgs if m[5] == 0]
         extended = [m for m in msgs if m[5] != 0]
-        assert len(plain) == 1 and len(extended) == 1, out
+        assert len(plain) == (0 if suppress else 1) and len(extended) == 1, out
         objs = interface_objects(extended[0])
         # One Interface Information Object (class 2) with ifIndex, address, name and MTU.
         iio = [o for o in objs if o[0] == 2]
