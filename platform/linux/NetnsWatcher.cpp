@@ -76,8 +76,7 @@ int openNetns(const std::string& path, NsInode* inode) {
 }
 
 NetnsWatcher::NetnsWatcher(Scheduler& sched, std::string dir, Handler onChange)
-    : sched_(sched),
-      dir_(std::move(dir)),
+    : dir_(std::move(dir)),
       onChange_(std::move(onChange)),
       retryTimer_(sched, "NetnsRescan", kTaskPriority, [this] { scan(); }),
       backoff_(kFirstRetry),

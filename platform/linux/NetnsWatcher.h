@@ -54,7 +54,6 @@ class NetnsWatcher {
  private:
    void armRetry(Seconds delay);
 
-   Scheduler& sched_;
    std::string dir_;
    Handler onChange_;
    TimerTask retryTimer_;
