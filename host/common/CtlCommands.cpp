@@ -6,6 +6,7 @@
 
 #include "host/common/Control.h"
 #include "host/common/ProbeClient.h"
+#include "host/common/Traceroute.h"
 #include "platform/core/Lumen.h"
 
 namespace Ravel::host {
@@ -65,6 +66,8 @@ int runCtlCommand(const std::string& socketPath, const std::vector<std::string>&
    }
    if (cmd == "probe")
       return runProbe(args);
+   if (cmd == "traceroute")
+      return runTraceroute(args);
    if (cmd == "raw") {
       if (args.size() < 2)
          throw UsageError("raw needs a callback name");

@@ -30,7 +30,9 @@ double nowSeconds() {
    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) * 1e-9;
 }
 
-IpGenAddr resolve(const std::string& target, int family) {
+}  // namespace
+
+IpGenAddr resolveHost(const std::string& target, int family) {
    if (auto a = IpGenAddr::parse(target)) {
       if (family == AF_INET && !a->isV4())
          throw UsageError("-4 with an IPv6 target");
@@ -54,8 +56,6 @@ IpGenAddr resolve(const std::string& target, int family) {
    freeaddrinfo(res);
    return out;
 }
-
-}  // namespace
 
 int runProbe(const std::vector<std::string>& args) {
    std::string target;
@@ -105,7 +105,7 @@ int runProbe(const std::vector<std::string>& args) {
    if (target.empty() || !what) {
       throw UsageError("probe needs a TARGET and one of --ifname, --ifindex, --ifaddr");
    }
-   IpGenAddr dst = resolve(target, family);
+   IpGenAddr dst = resolveHost(target, family);
    bool v6 = dst.isV6();
    int proto = v6 ? int{IPPROTO_ICMPV6} : int{IPPROTO_ICMP};
    Fd sock(::socket(v6 ? AF_INET6 : AF_INET, SOCK_RAW | SOCK_CLOEXEC, proto));
