@@ -142,7 +142,11 @@ TraceReply decodeTraceReply(const TraceMatch& m, std::span<const uint8_t> icmp,
    r.rttMs = rttMs;
    r.type = m.type;
    r.code = m.code;
-   if (isEchoReply(from.af(), m.type))
+   // Only the errors RFC 4884 extends are read; a packet too big has nothing to show.
+   bool extendable = from.isV6() ? m.type == kIcmp6DestUnreach || m.type == kIcmp6TimeExceeded
+                                 : m.type == kIcmpDestUnreach || m.type == kIcmpTimeExceeded ||
+                                       m.type == kIcmpParamProblem;
+   if (!extendable)
       return r;
    IcmpParseOptions opts;
    opts.af = from.af();

@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
 #include <optional>
+#include <stdexcept>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -147,6 +149,8 @@ const std::vector<RenderCase>& renderCases() {
    static const std::vector<RenderCase> cases = {
        {"no extensions", v4, "0b00e17000000000", "", "10.0.1.1", "192.0.2.1", 200,
         " 1  10.0.1.1  0.500 ms  time exceeded in transit\n", ""},
+       {"v6 packet too big: not an error RFC 4884 extends", v6, "02000000000005dc", "",
+        "2001:db8:1::2", "2001:db8:1::1", 200, " 1  2001:db8:1::2  0.500 ms  packet too big\n", ""},
        {"incoming interface and node", v4, "0b00e15000200000",
         "20003688001c020f00000005000100000a0001010865746831000000000005dc0014c80600010000c0000201"
         "08726f7574657231",
@@ -246,10 +250,16 @@ TEST(TracerouteTest, RendersDecodedRepliesAsTextAndJson) {
 }
 
 TEST(TracerouteTest, GroupsProbesAnsweredAlikeAndMarksLostOnes) {
-   const auto& cases = renderCases();
-   TraceReply withExtn = decodeGolden(cases[1], 0.5);
-   TraceReply again = decodeGolden(cases[1], 0.25);
-   TraceReply other = decodeGolden(cases[0], 1.0);
+   auto named = [](std::string_view what) {
+      for (const auto& c : renderCases()) {
+         if (c.what == what)
+            return c;
+      }
+      throw std::logic_error("no case " + std::string(what));
+   };
+   TraceReply withExtn = decodeGolden(named("incoming interface and node"), 0.5);
+   TraceReply again = decodeGolden(named("incoming interface and node"), 0.25);
+   TraceReply other = decodeGolden(named("no extensions"), 1.0);
    other.from = ip("10.0.9.9");
    TraceReply echo;
    echo.from = ip("198.51.100.2");
