@@ -160,7 +160,14 @@ void RootSm::handleAf(AddressFamily af) {
    if (in_.status->afStatus.get(af)) {
       RAVEL_ASSERT_MSG(initStatus_[idx(af)]->ebpfProgLoaded(),
                        "Unexpected, EBPF program not loaded yet.");
+      if (af == AddressFamily::ipv4)
+         RAVEL_ASSERT_MSG(!ringBufSm_[0], "Unexpected, v4RingBufSm already exists!");
+      else
+         RAVEL_ASSERT_MSG(!ringBufSm_[1], "Unexpected, v6RingBufSm already exists!");
       TRACE(4, "Creating {}", name);
+      // The substitute loader's descriptors are inert: nothing to drain.
+      if (mockEbpfEnvironment_)
+         return;
       // The aggregate's per-family lists are never replaced: the processor follows them.
       auto processor = make<IcmpPktInfoProcessor>(IcmpErrPktInfoProcessorInputs{
           af, intfLookupHelper_, in_.pamCollection, in_.config, vrfStatus_[idx(af)],

@@ -406,6 +406,7 @@ TEST_F(ErrorResponderTest, SubstituteLoaderIsSharedByBothFamilies) {
    configure("red", TriState::of(true));
    EXPECT_TRUE(loaded(kV4) && loaded(kV6));
    EXPECT_GT(root->ebpfInitStatus(kV4)->params().nsMapFd, 0);
+   EXPECT_FALSE(root->ebpfRingBufSm(kV4) || root->ebpfRingBufSm(kV6));
    configure("red", TriState::of(false));
    EXPECT_FALSE(loaded(kV4) || loaded(kV6));
 }
