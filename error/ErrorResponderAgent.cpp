@@ -124,7 +124,7 @@ void RootSm::handleKernelErrorFilter(const VrfName& vrf) {
    if (!want)
       kernelErrorFilter_->vrfDel(vrf);
    else if (!kernelErrorFilter_->vrfIs(vrf, nsPath))
-      TRACE(1, "vrf {}: the kernel's own errors are not filtered", vrf);
+      in_.status->kernelErrorFilterFailedInc();  // the filter traced why
 }
 
 void RootSm::setupEpfHelper() {

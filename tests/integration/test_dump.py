@@ -110,6 +110,7 @@ ERROR_IDLE = ROOT_INPUTS + """\
   ErrorResponder::Status 0xPTR
     nsInodeConflict=0
     ebpfLoadFailed=0
+    kernelErrorFilterFailed=0
     afStatus[] 0
   intfLookupHelper
   errorResponderStats
@@ -207,6 +208,7 @@ ERROR_DEFAULT_ENABLED = ROOT_INPUTS + """\
   ErrorResponder::Status 0xPTR
     nsInodeConflict=0
     ebpfLoadFailed=0
+    kernelErrorFilterFailed=0
     afStatus[] 2
       ipv4
         afCounter[] 0

@@ -93,6 +93,7 @@ struct ErrorResponderTest : ::testing::Test {
    Ptr<FakeHelper> v4 = make<FakeHelper>();
    Ptr<FakeHelper> v6 = make<FakeHelper>();
    Ptr<RootSm> root;
+   testing::FakeKernelErrorFilter* filter = nullptr;  // owned by root
 
    RootSmInputs inputs() {
       return {make<AllIntfStatusDir>(),
@@ -111,13 +112,15 @@ struct ErrorResponderTest : ::testing::Test {
               make<EntityManager>()};
    }
    void start() {
+      auto f = std::make_unique<testing::FakeKernelErrorFilter>();
+      filter = f.get();
       root = make<RootSm>(
           inputs(),
           [this](RootSm& r) {
              r.v4EbpfHelperIs(v4);
              r.v6EbpfHelperIs(v6);
           },
-          std::make_unique<testing::FakeKernelErrorFilter>());
+          std::move(f));
    }
    ~ErrorResponderTest() override {
       root.reset();
@@ -395,6 +398,48 @@ TEST_F(ErrorResponderTest, PamsAreRequestedForEveryConfiguredVrf) {
    EXPECT_TRUE(pamConfig->vrfHas(VrfName("red")));
    unconfigure("red");
    EXPECT_TRUE(pamConfig->vrf.empty());
+}
+
+TEST_F(ErrorResponderTest, EachFailedKernelErrorFilterInstallIsCountedOnce) {
+   start();
+   const VrfName dflt("default");
+   enum Action { enable, disable, suppressOff, suppressOn, stopFailing };
+   struct Step {
+      Action action;
+      bool installed;
+      uint64_t failed;
+   };
+   const Step steps[] = {
+       {enable, false, 1},       // refused: counted
+       {suppressOff, false, 1},  // removal never fails
+       {suppressOn, false, 2},   // refused again
+       {disable, false, 2},     {stopFailing, false, 2},
+       {enable, true, 2},       {suppressOn, true, 2},  // no change: not asked again
+   };
+   filter->failing.insert(dflt);
+   int i = 0;
+   for (const auto& s : steps) {
+      SCOPED_TRACE(i++);
+      switch (s.action) {
+         case enable:
+            configure("default", TriState::of(true));
+            break;
+         case disable:
+            configure("default", TriState::of(false));
+            break;
+         case suppressOff:
+            config->suppressKernelErrors.set(false);
+            break;
+         case suppressOn:
+            config->suppressKernelErrors.set(true);
+            break;
+         case stopFailing:
+            filter->failing.clear();
+            break;
+      }
+      EXPECT_EQ(filter->installed.count(dflt) == 1, s.installed);
+      EXPECT_EQ(status->kernelErrorFilterFailed, s.failed);
+   }
 }
 
 TEST_F(ErrorResponderTest, SubstituteLoaderIsSharedByBothFamilies) {
