@@ -442,6 +442,23 @@ TEST_F(ErrorResponderTest, EachFailedKernelErrorFilterInstallIsCountedOnce) {
    }
 }
 
+TEST_F(ErrorResponderTest, RootAclConfigFollowsBothSourcesAcrossLoads) {
+   start();
+   const auto& in = root->inputs();
+   const Ptr<AclTypeConfig> v4Lists = root->aclConfig()->of(kV4);
+   in.aclInput->ipv4->acl.is("A", AclList{"A", kV4, {}});
+   in.aclCli->ipv6->acl.is("B", AclList{"B", kV6, {}});
+   EXPECT_TRUE(root->aclConfig()->list(kV4, "A") && root->aclConfig()->list(kV6, "B"));
+   // A program load (ring-buffer machines and processors made) keeps the same lists.
+   nsUp("red", 101);
+   configure("red", TriState::of(true));
+   ASSERT_TRUE(root->ebpfRingBufSm(kV4));
+   EXPECT_EQ(root->aclConfig()->of(kV4), v4Lists);
+   in.aclInput->ipv4->acl.del("A");
+   EXPECT_FALSE(root->aclConfig()->list(kV4, "A"));
+   EXPECT_TRUE(root->aclConfig()->list(kV6, "B"));
+}
+
 TEST_F(ErrorResponderTest, SubstituteLoaderIsSharedByBothFamilies) {
    setenv("MOCK_EBPF_HELPER", "1", 1);
    root = make<RootSm>(inputs(), nullptr, std::make_unique<testing::FakeKernelErrorFilter>());
