@@ -333,7 +333,7 @@ def test_dump_whole_text(namespaces, daemon_factory, workdir, config, ready, err
 
 # ravelctl ends a reply that lacks one with a newline (a terminal's prompt stays on its own
 # line); the callbacks' own replies carry none.
-@pytest.mark.parametrize("args,code,reply", [
+REPLIES = [
     (["raw", "dumpState", "Bogus"], 1, "Unknown command: Bogus\n"),
     (["raw", "dumpState", "DebugAgentState", "x"], 1, "Unknown command: DebugAgentState x\n"),
     (["raw", "dumpState"], 1, "Unknown command: \n"),
@@ -341,7 +341,11 @@ def test_dump_whole_text(namespaces, daemon_factory, workdir, config, ready, err
     (["raw", "errorResponderClearCounters", "clear", "counters"], 0, ""),
     (["clear", "counters"], 0, ""),
     (["raw", "noSuchCallback", "x"], 1, "error: no command callback named noSuchCallback\n"),
-], ids=lambda v: v if isinstance(v, int) else None)
+]
+
+
+@pytest.mark.parametrize("args,code,reply", REPLIES,
+                         ids=["-".join(a) for a, _, _ in REPLIES])
 def test_command_replies(namespaces, daemon_factory, workdir, args, code, reply):
     d, _ = start(namespaces, daemon_factory, workdir, None)
     r = d.ctl(*args, check=False)
