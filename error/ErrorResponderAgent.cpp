@@ -35,14 +35,16 @@ RootSm::RootSm(RootSmInputs inputs, HelperSetup helperSetup,
    vrfConfigSub_ =
        in_.config->vrfConfig.subscribe([this](const VrfName& n) { handleVrfPamConfig(n); });
    errorResponderStats_ = make<ErrorResponderStats>();
-   pollCounterSm_ =
-       make<PollCounterSm>(Scheduler::defaultScheduler(), in_.status, errorResponderStats_);
-   RAVEL_ASSERT(in_.allVrfStatusLocal);
    RAVEL_ASSERT(in_.ebpfConfig);
-   configSm_ = make<ConfigSm>(in_.config, in_.allVrfStatusLocal, in_.ebpfConfig, in_.status);
    intfLookupHelper_ =
        intfLookupHelperFactory({in_.allIntfStatusDir, in_.allIntfStatusLocalDir, in_.kniStatus,
                                 in_.ipStatus, in_.ip6Status, in_.ebpfConfig, in_.em});
+   aclConfig_ = make<AclConfig>();
+   aclConfigAggregatorSm_ = make<AclConfigAggregatorSm>(in_.aclInput, in_.aclCli, aclConfig_);
+   pollCounterSm_ =
+       make<PollCounterSm>(Scheduler::defaultScheduler(), in_.status, errorResponderStats_);
+   RAVEL_ASSERT(in_.allVrfStatusLocal);
+   configSm_ = make<ConfigSm>(in_.config, in_.allVrfStatusLocal, in_.ebpfConfig, in_.status);
    ebpfEntrySub_ = in_.ebpfConfig->entry.subscribe(
        [this](const VrfName& vrf) { handleKernelErrorFilter(vrf); });
    auto filterAll = [this] {
@@ -72,6 +74,8 @@ RootSm::~RootSm() {
    suppressSub_.reset();
    afStatusSub_.reset();
    vrfConfigSub_.reset();
+   intfLookupHelper_.reset();
+   aclConfigAggregatorSm_.reset();
    pollCounterSm_->destroy();
    pollCounterSm_.reset();
    configSm_.reset();  // removes every EbpfConfig entry it made
@@ -120,7 +124,7 @@ void RootSm::handleKernelErrorFilter(const VrfName& vrf) {
    if (!want)
       kernelErrorFilter_->vrfDel(vrf);
    else if (!kernelErrorFilter_->vrfIs(vrf, nsPath))
-      TRACE(1, "vrf {}: the kernel's own errors are not filtered", vrf);
+      in_.status->kernelErrorFilterFailedInc();  // the filter traced why
 }
 
 void RootSm::setupEpfHelper() {
@@ -156,11 +160,18 @@ void RootSm::handleAf(AddressFamily af) {
    if (in_.status->afStatus.get(af)) {
       RAVEL_ASSERT_MSG(initStatus_[idx(af)]->ebpfProgLoaded(),
                        "Unexpected, EBPF program not loaded yet.");
+      if (af == AddressFamily::ipv4)
+         RAVEL_ASSERT_MSG(!ringBufSm_[0], "Unexpected, v4RingBufSm already exists!");
+      else
+         RAVEL_ASSERT_MSG(!ringBufSm_[1], "Unexpected, v6RingBufSm already exists!");
       TRACE(4, "Creating {}", name);
-      RAVEL_ASSERT(in_.aclInput);
+      // The substitute loader's descriptors are inert: nothing to drain.
+      if (mockEbpfEnvironment_)
+         return;
+      // The aggregate's per-family lists are never replaced: the processor follows them.
       auto processor = make<IcmpPktInfoProcessor>(IcmpErrPktInfoProcessorInputs{
           af, intfLookupHelper_, in_.pamCollection, in_.config, vrfStatus_[idx(af)],
-          in_.aclInput->of(af), errorResponderStats_, in_.ebpfConfig});
+          aclConfig_->of(af), errorResponderStats_, in_.ebpfConfig});
       processor_[idx(af)] = processor;
       ringBufSm_[idx(af)] = make<EbpfRingBufSm>(
           af, initStatus_[idx(af)], handlerContext_[idx(af)], helper_[idx(af)],
@@ -201,9 +212,13 @@ void RootSm::dumpState(DumpContext& ctx, int indent) const {
    RAVEL_DUMP(ctx, in, "aclCli=%s\n", p(in_.aclCli).c_str());
    RAVEL_DUMP(ctx, in, "pamCollection=%s\n", p(in_.pamCollection).c_str());
    RAVEL_DUMP(ctx, in, "taskScheduler=%s\n", displayPtr(&Scheduler::defaultScheduler()).c_str());
+   // The counters are synchronised on the same scheduler.
+   RAVEL_DUMP(ctx, in, "statsScheduler=%s\n", displayPtr(&Scheduler::defaultScheduler()).c_str());
    dumpEbpfConfig(ctx, in, *in_.ebpfConfig);
    dumpConfig(ctx, in, *in_.config);
    dumpStatus(ctx, in, *in_.status);
+   if (intfLookupHelper_)
+      RAVEL_DUMP(ctx, in, "intfLookupHelper\n");
    RAVEL_DUMP(ctx, in, "errorResponderStats\n");
    errorResponderStats_->dumpState(ctx, in + 2);
    for (AddressFamily af : kFamilies) {
@@ -230,8 +245,12 @@ void RootSm::dumpState(DumpContext& ctx, int indent) const {
          continue;
       RAVEL_DUMP(ctx, in, "%sEbpfProgSm\n", af == AddressFamily::ipv4 ? "v4" : "v6");
       progSm_[idx(af)]->dumpState(ctx, in + 2);
-      if (ringBufSm_[idx(af)])
-         ringBufSm_[idx(af)]->dumpState(ctx, in + 2);
+   }
+   for (AddressFamily af : kFamilies) {
+      if (!ringBufSm_[idx(af)])
+         continue;
+      RAVEL_DUMP(ctx, in, "%sRingBufSm\n", af == AddressFamily::ipv4 ? "v4" : "v6");
+      ringBufSm_[idx(af)]->dumpState(ctx, in + 2);
    }
 }
 
@@ -272,7 +291,8 @@ void Agent::doMountsComplete(MountStatus status, const Ptr<EntityManager>& em) {
    in.pamConfig = pamConfig();
    in.pamCollection = pamCollection();
    in.em = em;
-   if (!in.allIntfStatusLocalDir || !in.kniStatus || !in.config || !in.status || !in.ebpfConfig) {
+   if (!in.allIntfStatusLocalDir || !in.kniStatus || !in.aclInput || !in.aclCli || !in.config ||
+       !in.status || !in.ebpfConfig) {
       TRACE(1, "error responder records not mounted; error responder idle");
       return;
    }

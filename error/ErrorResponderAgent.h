@@ -3,6 +3,7 @@
 #include <functional>
 
 #include "agent/MiniAgent.h"
+#include "error/AclConfigAggregatorSm.h"
 #include "error/EbpfRingBufSm.h"
 #include "error/ErrorResponderConfigSm.h"
 #include "error/ErrorResponderCounterSm.h"
@@ -58,6 +59,11 @@ class RootSm : public Node {
    const Ptr<ConfigSm>& configSm() const { return configSm_; }
    const Ptr<PollCounterSm>& pollCounterSm() const { return pollCounterSm_; }
    const Ptr<ErrorResponderStats>& errorResponderStats() const { return errorResponderStats_; }
+   // The lists the processors filter with, aggregated from both ACL sources.
+   const Ptr<AclConfig>& aclConfig() const { return aclConfig_; }
+   const Ptr<AclConfigAggregatorSm>& aclConfigAggregatorSm() const {
+      return aclConfigAggregatorSm_;
+   }
    const Ptr<EbpfConfig>& ebpfConfig() const { return in_.ebpfConfig; }
    const Ptr<Config>& config() const { return in_.config; }
    const Ptr<Status>& status() const { return in_.status; }
@@ -95,6 +101,8 @@ class RootSm : public Node {
    void* testLibHandle_ = nullptr;
 
    Ptr<ErrorResponderStats> errorResponderStats_;
+   Ptr<AclConfig> aclConfig_;
+   Ptr<AclConfigAggregatorSm> aclConfigAggregatorSm_;
    Ptr<PollCounterSm> pollCounterSm_;
    Ptr<ConfigSm> configSm_;
    Ptr<EbpfHandlerContext> handlerContext_[2];

@@ -145,6 +145,10 @@ class Status : public Entity {
    // Kernel program loads that failed; the family stays unloaded until the next VRF change.
    uint64_t ebpfLoadFailed = 0;
    void ebpfLoadFailedInc() { ++ebpfLoadFailed; }
+   // VRFs whose nftables filter of the kernel's own errors could not be installed; their
+   // senders then get the kernel's error too.
+   uint64_t kernelErrorFilterFailed = 0;
+   void kernelErrorFilterFailedInc() { ++kernelErrorFilterFailed; }
 };
 
 class EbpfVrfConfigEntry : public Node {

@@ -77,6 +77,8 @@ void dumpStatus(DumpContext& ctx, int indent, const Status& s) {
    RAVEL_DUMP(ctx, in, "nsInodeConflict=%llu\n",
               static_cast<unsigned long long>(s.nsInodeConflict));
    RAVEL_DUMP(ctx, in, "ebpfLoadFailed=%llu\n", static_cast<unsigned long long>(s.ebpfLoadFailed));
+   RAVEL_DUMP(ctx, in, "kernelErrorFilterFailed=%llu\n",
+              static_cast<unsigned long long>(s.kernelErrorFilterFailed));
    RAVEL_DUMP(ctx, in, "afStatus[] %d\n", static_cast<int>(s.afStatus.size()));
    for (auto& [af, a] : s.afStatus) {
       RAVEL_DUMP(ctx, in + 2, "%s\n", toString(af));

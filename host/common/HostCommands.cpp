@@ -10,6 +10,7 @@
 #include "error/ErrorResponderSchema.h"
 #include "host/common/Daemon.h"
 #include "host/common/Metrics.h"
+#include "platform/linux/IpPam.h"
 #include "platform/store/NetSchema.h"
 #include "probe/ProbeSchema.h"
 
@@ -195,6 +196,7 @@ void ShowCallback::showErrors(int fd, bool json) {
    nlohmann::json j;
    j["nsInodeConflict"] = status ? status->nsInodeConflict : 0;
    j["ebpfLoadFailed"] = status ? status->ebpfLoadFailed : 0;
+   j["kernelErrorFilterFailed"] = status ? status->kernelErrorFilterFailed : 0;
    j["families"] = nlohmann::json::object();
    for (AddressFamily af : {AddressFamily::ipv4, AddressFamily::ipv6}) {
       auto a = status ? status->afStatus.get(af) : nullptr;
@@ -235,8 +237,9 @@ void ShowCallback::showErrors(int fd, bool json) {
             out += fmt::format("    {} {}\n", k, n.dump());
       }
    }
-   out += fmt::format("nsInodeConflict {}\nebpfLoadFailed {}\n", j["nsInodeConflict"].dump(),
-                      j["ebpfLoadFailed"].dump());
+   out += fmt::format("nsInodeConflict {}\nebpfLoadFailed {}\nkernelErrorFilterFailed {}\n",
+                      j["nsInodeConflict"].dump(), j["ebpfLoadFailed"].dump(),
+                      j["kernelErrorFilterFailed"].dump());
    writeAll(fd, out);
 }
 
@@ -246,6 +249,7 @@ void ShowCallback::showMetrics(int fd) {
    Metrics m;
    m.probeStatusIs(em->entityAs<ProbeResponder::Status>("icmp/probe/status").get());
    m.errorStatusIs(em->entityAs<ErrorResponder::Status>("icmp/errorResponder/status").get());
+   m.pamsIs({IpPam::all().begin(), IpPam::all().end()});
    writeAll(fd, m.text());
 }
 

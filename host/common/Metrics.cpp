@@ -1,11 +1,13 @@
 #include "host/common/Metrics.h"
 
+#include <algorithm>
 #include <cctype>
 #include <map>
 
 #include <fmt/format.h>
 
 #include "error/ErrorResponderSchema.h"
+#include "platform/linux/IpPam.h"
 #include "platform/values/Values.h"
 #include "probe/ProbeSchema.h"
 
@@ -45,6 +47,32 @@ const std::map<std::string_view, std::string_view> kHelp = {
     {"extendedErrorSent", "ICMP errors sent with RFC 4884/5837 extensions."},
     {"replySendFailed", "ICMP errors whose send failed."},
 };
+
+// The PAM counters, in the order the dump prints them.
+struct PamCounterMetric {
+   const char* name;
+   uint64_t PamCounters::*field;
+   const char* help;
+};
+constexpr PamCounterMetric kPamCounters[] = {
+    {"tx_packets", &PamCounters::txPkts, "packets sent"},
+    {"tx_bytes", &PamCounters::txBytes, "bytes sent"},
+    {"tx_drops", &PamCounters::txDrops, "packets not sent because the socket was disabled"},
+    {"tx_errors", &PamCounters::txErrors, "sends that failed"},
+    {"rx_packets", &PamCounters::rxPkts, "packets received"},
+    {"rx_bytes", &PamCounters::rxBytes, "bytes received"},
+    {"rx_drops", &PamCounters::rxDrops, "received packets dropped because nobody was reading"},
+    {"rx_errors", &PamCounters::rxErrors, "receives that failed"},
+};
+
+// A PAM's VRF from its namespace name: "" is the agent's own (the default VRF), "ns-<vrf>"
+// any other.
+std::string pamVrf(const IpPam& pam) {
+   const std::string& ns = pam.netNs();
+   if (ns.empty())
+      return "default";
+   return ns.starts_with("ns-") ? ns.substr(3) : ns;
+}
 
 std::string help(std::string_view counter, std::string_view who) {
    auto it = kHelp.find(counter);
@@ -180,6 +208,31 @@ void Metrics::errorStatusIs(const ErrorResponder::Status* s) {
    family("ravel_error_ebpf_load_failed_total", "counter",
           "Error responder: kernel program loads that failed.")
        .samples.push_back({{}, std::to_string(s->ebpfLoadFailed)});
+   family("ravel_error_kernel_error_filter_failed_total", "counter",
+          "Error responder: installs of the nftables filter of the kernel's own errors that "
+          "failed.")
+       .samples.push_back({{}, std::to_string(s->kernelErrorFilterFailed)});
+}
+
+void Metrics::pamsIs(const std::vector<const IpPam*>& pams) {
+   std::vector<std::pair<std::pair<std::string, std::string>, const IpPam*>> sorted;
+   for (const IpPam* p : pams)
+      sorted.push_back({{pamVrf(*p), toString(p->af())}, p});
+   std::sort(sorted.begin(), sorted.end(),
+             [](const auto& a, const auto& b) { return a.first < b.first; });
+   for (auto& c : kPamCounters) {
+      auto& f = family(fmt::format("ravel_pam_{}_total", c.name), "counter",
+                       fmt::format("Packet socket of a VRF and family: {}.", c.help));
+      for (auto& [key, p] : sorted)
+         f.samples.push_back({{{"family", key.second}, {"vrf", key.first}},
+                              std::to_string(p->counters().*c.field)});
+   }
+   auto& errnoFamily = family("ravel_pam_last_tx_errno", "gauge",
+                              "Packet socket of a VRF and family: errno of the last send (0: "
+                              "none).");
+   for (auto& [key, p] : sorted)
+      errnoFamily.samples.push_back(
+          {{{"family", key.second}, {"vrf", key.first}}, std::to_string(p->txErrno())});
 }
 
 std::string Metrics::text() const {

@@ -6,6 +6,9 @@
 #include <utility>
 #include <vector>
 
+namespace Ravel {
+class IpPam;
+}
 namespace Ravel::ProbeResponder {
 class Status;
 }
@@ -35,6 +38,9 @@ class Metrics {
    // Either status may be null (entity not mounted): its families are then left out.
    void probeStatusIs(const ProbeResponder::Status* s);
    void errorStatusIs(const ErrorResponder::Status* s);
+   // The packet sockets' counters, labelled by VRF and family; the families are there with no
+   // PAM open.
+   void pamsIs(const std::vector<const IpPam*>& pams);
    const std::vector<Family>& families() const { return families_; }
    std::string text() const;
 

@@ -3,6 +3,7 @@
 #include <linux/filter.h>
 
 #include <cstdint>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -34,8 +35,10 @@ class IpPam : public Node {
    // rxIfIndex() is the arrival interface of each received packet; without the bit it is 0.
    static constexpr unsigned kOptRxIfIndex = 0x400;
 
-   IpPam(std::string name, AddressFamily af, int protocol, std::string netNs)
-       : name_(std::move(name)), af_(af), protocol_(protocol), netNs_(std::move(netNs)) {}
+   IpPam(std::string name, AddressFamily af, int protocol, std::string netNs);
+   ~IpPam() override;
+   // Every PAM alive in the process, whoever holds it: what the daemon reports counters of.
+   static const std::set<const IpPam*>& all();
 
    const std::string& name() const { return name_; }
    AddressFamily af() const { return af_; }

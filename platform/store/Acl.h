@@ -63,9 +63,10 @@ class AclTypeConfig : public Node {
 };
 
 // "acl/config/cli": the lists as configured. "acl/config/input" (AclInput) is the aggregate of
-// every configuration source, which agents read. It is a separate object kept equal to the cli
-// lists rather than one object mounted twice: the state store types each path on its own, and
-// with a second source the aggregate would stop being any single source.
+// every configuration source. It is a separate object kept equal to the cli lists rather than
+// one object mounted twice: the state store types each path on its own, and with a second
+// source the aggregate would stop being any single source. A reader merges the two (the error
+// responder's AclConfigAggregatorSm, where a cli list wins over an input list of its name).
 class AclConfig : public Entity {
    RAVEL_ENTITY_TYPE(AclConfig, "Acl::Config")
  public:

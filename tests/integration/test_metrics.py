@@ -119,3 +119,24 @@ def test_metrics_follow_traffic_and_match_the_json_counters(lab):
                 key = (f"ravel_error_vrf_{snake(name)}_total",
                        frozenset({("family", af), ("vrf", vrf)}))
                 assert after[key] == value, key
+    for name in ("nsInodeConflict", "ebpfLoadFailed", "kernelErrorFilterFailed"):
+        assert after[(f"ravel_error_{snake(name)}_total", frozenset())] == errs[name], name
+
+    # The packet sockets: one sample per open PAM and counter. The three requests came in on
+    # the default VRF's IPv4 PAM (its filter passes nothing else), the two replies left by it.
+    pam_counters = ("tx_packets", "tx_bytes", "tx_drops", "tx_errors", "rx_packets", "rx_bytes",
+                    "rx_drops", "rx_errors")
+    for vrf in ("default", "red"):
+        for af in ("ipv4", "ipv6"):
+            labels = frozenset({("family", af), ("vrf", vrf)})
+            for c in pam_counters:
+                assert (f"ravel_pam_{c}_total", labels) in after, (c, labels)
+            assert after[("ravel_pam_last_tx_errno", labels)] == 0
+    assert moved("ravel_pam_rx_packets_total", family="ipv4", vrf="default") == 3
+    assert moved("ravel_pam_tx_packets_total", family="ipv4", vrf="default") == 2
+    assert moved("ravel_pam_tx_bytes_total", family="ipv4", vrf="default") > 0
+    assert moved("ravel_pam_tx_errors_total", family="ipv4", vrf="default") == 0
+    assert moved("ravel_pam_rx_packets_total", family="ipv6", vrf="default") == 0
+    assert families["ravel_pam_rx_packets"][0] == "counter"
+    assert families["ravel_pam_last_tx_errno"][0] == "gauge"
+    assert families["ravel_error_kernel_error_filter_failed"][0] == "counter"

@@ -205,5 +205,15 @@ TEST_F(AgentTest, CommandRepliesForUnknownWordsAndUnstartedParts) {
    EXPECT_EQ(reply(*clear, "clear counters"), "");
 }
 
+TEST_F(AgentTest, ClearCountersBeforeTheErrorResponderStarted) {
+   // Created, then initialised: neither has an error responder that can clear counters.
+   auto agent = ptrCast<Agent>(agentFactory(framework.get()));
+   auto clear = agent->errorResponderClearCountersCallbackIs();
+   EXPECT_EQ(reply(*clear, "clear counters"), "ErrorResponder::Agent not yet initialized!");
+   agent->doInit();
+   EXPECT_EQ(reply(*clear, "clear counters"), "ErrorResponder::Agent::RootSm not yet initialized!");
+   EXPECT_EQ(reply(*clear, "clear"), "Unknown command: clear");
+}
+
 }  // namespace
 }  // namespace Ravel

@@ -93,6 +93,7 @@ struct ErrorResponderTest : ::testing::Test {
    Ptr<FakeHelper> v4 = make<FakeHelper>();
    Ptr<FakeHelper> v6 = make<FakeHelper>();
    Ptr<RootSm> root;
+   testing::FakeKernelErrorFilter* filter = nullptr;  // owned by root
 
    RootSmInputs inputs() {
       return {make<AllIntfStatusDir>(),
@@ -111,13 +112,15 @@ struct ErrorResponderTest : ::testing::Test {
               make<EntityManager>()};
    }
    void start() {
+      auto f = std::make_unique<testing::FakeKernelErrorFilter>();
+      filter = f.get();
       root = make<RootSm>(
           inputs(),
           [this](RootSm& r) {
              r.v4EbpfHelperIs(v4);
              r.v6EbpfHelperIs(v6);
           },
-          std::make_unique<testing::FakeKernelErrorFilter>());
+          std::move(f));
    }
    ~ErrorResponderTest() override {
       root.reset();
@@ -397,6 +400,65 @@ TEST_F(ErrorResponderTest, PamsAreRequestedForEveryConfiguredVrf) {
    EXPECT_TRUE(pamConfig->vrf.empty());
 }
 
+TEST_F(ErrorResponderTest, EachFailedKernelErrorFilterInstallIsCountedOnce) {
+   start();
+   const VrfName dflt("default");
+   enum Action { enable, disable, suppressOff, suppressOn, stopFailing };
+   struct Step {
+      Action action;
+      bool installed;
+      uint64_t failed;
+   };
+   const Step steps[] = {
+       {enable, false, 1},       // refused: counted
+       {suppressOff, false, 1},  // removal never fails
+       {suppressOn, false, 2},   // refused again
+       {disable, false, 2},     {stopFailing, false, 2},
+       {enable, true, 2},       {suppressOn, true, 2},  // no change: not asked again
+   };
+   filter->failing.insert(dflt);
+   int i = 0;
+   for (const auto& s : steps) {
+      SCOPED_TRACE(i++);
+      switch (s.action) {
+         case enable:
+            configure("default", TriState::of(true));
+            break;
+         case disable:
+            configure("default", TriState::of(false));
+            break;
+         case suppressOff:
+            config->suppressKernelErrors.set(false);
+            break;
+         case suppressOn:
+            config->suppressKernelErrors.set(true);
+            break;
+         case stopFailing:
+            filter->failing.clear();
+            break;
+      }
+      EXPECT_EQ(filter->installed.count(dflt) == 1, s.installed);
+      EXPECT_EQ(status->kernelErrorFilterFailed, s.failed);
+   }
+}
+
+TEST_F(ErrorResponderTest, RootAclConfigFollowsBothSourcesAcrossLoads) {
+   start();
+   const auto& in = root->inputs();
+   const Ptr<AclTypeConfig> v4Lists = root->aclConfig()->of(kV4);
+   in.aclInput->ipv4->acl.is("A", AclList{"A", kV4, {}});
+   in.aclCli->ipv6->acl.is("B", AclList{"B", kV6, {}});
+   EXPECT_TRUE(root->aclConfig()->list(kV4, "A") && root->aclConfig()->list(kV6, "B"));
+   // A program load (ring-buffer machines and processors made) keeps the same lists.
+   nsUp("red", 101);
+   configure("red", TriState::of(true));
+   ASSERT_TRUE(root->ebpfRingBufSm(kV4));
+   EXPECT_EQ(root->aclConfig()->of(kV4), v4Lists);
+   in.aclInput->ipv4->acl.del("A");
+   EXPECT_FALSE(root->aclConfig()->list(kV4, "A"));
+   EXPECT_TRUE(root->aclConfig()->list(kV6, "B"));
+}
+
 TEST_F(ErrorResponderTest, SubstituteLoaderIsSharedByBothFamilies) {
    setenv("MOCK_EBPF_HELPER", "1", 1);
    root = make<RootSm>(inputs(), nullptr, std::make_unique<testing::FakeKernelErrorFilter>());
@@ -406,6 +468,7 @@ TEST_F(ErrorResponderTest, SubstituteLoaderIsSharedByBothFamilies) {
    configure("red", TriState::of(true));
    EXPECT_TRUE(loaded(kV4) && loaded(kV6));
    EXPECT_GT(root->ebpfInitStatus(kV4)->params().nsMapFd, 0);
+   EXPECT_FALSE(root->ebpfRingBufSm(kV4) || root->ebpfRingBufSm(kV6));
    configure("red", TriState::of(false));
    EXPECT_FALSE(loaded(kV4) || loaded(kV6));
 }

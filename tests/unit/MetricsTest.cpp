@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <fmt/format.h>
+
 #include <regex>
 #include <set>
 #include <string>
@@ -7,6 +9,7 @@
 #include "error/ErrorResponderSchema.h"
 #include "host/common/Metrics.h"
 #include "probe/ProbeSchema.h"
+#include "tests/unit/FakePam.h"
 
 namespace Ravel::host {
 namespace {
@@ -38,6 +41,8 @@ TEST(Metrics, EveryFamilyIsWellFormed) {
    Metrics m;
    m.probeStatusIs(probe.get());
    m.errorStatusIs(err.get());
+   auto pam = make<testing::FakePam>("ipv4 vrf default", AddressFamily::ipv4, 1, "");
+   m.pamsIs({pam.get()});
    const std::regex name("ravel_[a-z0-9_]+");
    std::set<std::string> seen;
    for (auto& f : m.families()) {
@@ -47,8 +52,9 @@ TEST(Metrics, EveryFamilyIsWellFormed) {
       EXPECT_EQ(f.help.find(" counter "), std::string::npos) << f.name << ": " << f.help;
       EXPECT_FALSE(f.samples.empty()) << f.name;
    }
-   // 16 probe counters + replies + errno; loaded + 7 + 5 + 2 error families.
-   EXPECT_EQ(m.families().size(), 18u + 15u);
+   // 16 probe counters + replies + errno; loaded + 7 + 5 + 3 error families; 8 PAM counters
+   // + errno.
+   EXPECT_EQ(m.families().size(), 18u + 16u + 9u);
 }
 
 TEST(Metrics, Text) {
@@ -64,6 +70,8 @@ TEST(Metrics, Text) {
    v4->vrfStatusIs(VrfName("re\"d"))
        ->vrfCounterIs(ErrorResponder::VrfCounterId::extendedErrorSent, 9);
    err->ebpfLoadFailedInc();
+   err->kernelErrorFilterFailedInc();
+   err->kernelErrorFilterFailedInc();
    Metrics m;
    m.probeStatusIs(probe.get());
    m.errorStatusIs(err.get());
@@ -83,10 +91,56 @@ TEST(Metrics, Text) {
        "\nravel_error_vrf_extended_error_sent_total{family=\"ipv4\",vrf=\"re\\\"d\"} 9\n",
        "\nravel_error_vrf_reply_attempted_total{family=\"ipv4\",vrf=\"re\\\"d\"} 0\n",
        "\nravel_error_ebpf_load_failed_total 1\n",
+       "\nravel_error_kernel_error_filter_failed_total 2\n",
    };
    for (auto* l : lines)
       EXPECT_NE(t.find(l), std::string::npos) << l << "\nin\n" << t;
    EXPECT_EQ(t.find("_total{family=\"ipv6\""), std::string::npos) << "ipv6 is not loaded";
+}
+
+// A PAM whose counters the test sets.
+class CountedPam : public testing::FakePam {
+ public:
+   using FakePam::FakePam;
+   void countersIs(const PamCounters& c, int txErrno) {
+      counters_ = c;
+      txErrno_ = txErrno;
+   }
+};
+
+TEST(Metrics, PamCountersByVrfAndFamily) {
+   auto red6 = make<CountedPam>("ipv6 vrf red", AddressFamily::ipv6, 58, "ns-red");
+   auto def4 = make<CountedPam>("ipv4 vrf default", AddressFamily::ipv4, 1, "");
+   red6->countersIs({1, 2, 3, 4, 5, 6, 7, 8}, 101);
+   def4->countersIs({10, 20, 30, 40, 50, 60, 70, UINT64_MAX}, 0);
+   // Both are among the live PAMs; the order handed in does not matter.
+   EXPECT_TRUE(IpPam::all().count(red6.get()) && IpPam::all().count(def4.get()));
+   Metrics m;
+   m.pamsIs({red6.get(), def4.get()});
+   std::string t = m.text();
+   const std::pair<const char*, const char*> counters[] = {
+       {"tx_packets", "1 10"}, {"tx_bytes", "2 20"},
+       {"tx_drops", "3 30"},   {"tx_errors", "4 40"},
+       {"rx_packets", "5 50"}, {"rx_bytes", "6 60"},
+       {"rx_drops", "7 70"},   {"rx_errors", "8 18446744073709551615"},
+   };
+   for (auto& [name, values] : counters) {
+      std::string v(values), red = v.substr(0, v.find(' ')), dflt = v.substr(v.find(' ') + 1);
+      std::string want = fmt::format(
+          "# TYPE ravel_pam_{0}_total counter\n"
+          "ravel_pam_{0}_total{{family=\"ipv4\",vrf=\"default\"}} {1}\n"
+          "ravel_pam_{0}_total{{family=\"ipv6\",vrf=\"red\"}} {2}\n",
+          name, dflt, red);
+      EXPECT_NE(t.find(want), std::string::npos) << want << "\nin\n" << t;
+   }
+   EXPECT_NE(t.find("# TYPE ravel_pam_last_tx_errno gauge\n"
+                    "ravel_pam_last_tx_errno{family=\"ipv4\",vrf=\"default\"} 0\n"
+                    "ravel_pam_last_tx_errno{family=\"ipv6\",vrf=\"red\"} 101\n"),
+             std::string::npos)
+       << t;
+   red6.reset();
+   EXPECT_EQ(IpPam::all().count(def4.get()), 1u);
+   EXPECT_EQ(IpPam::all().size(), 1u) << "a released PAM leaves the list";
 }
 
 TEST(Metrics, MissingStatusLeavesFamiliesOut) {
