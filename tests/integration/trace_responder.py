@@ -13,23 +13,13 @@ Prints "ready" once listening.
 import json
 import struct
 import sys
+from pathlib import Path
 
 from scapy.all import ICMP, IP, IPv6, Ether, ICMPv6TimeExceeded, Raw, conf, get_if_hwaddr
-from scapy.contrib.icmp_extensions import ICMPExtensionHeader, ICMPExtensionInterfaceInformation
-from scapy.utils import checksum
+from scapy.contrib.icmp_extensions import ICMPExtensionInterfaceInformation
 
-
-def name_fields(name):
-    """Name sub-object: its length octet counts itself and the NUL padding to a 4-byte end."""
-    name = name.encode()
-    length = (1 + len(name) + 3) & ~3
-    return dict(has_ifname=1, ifname_len=length, ifname=name + b"\0" * (length - 1 - len(name)))
-
-
-def addr_fields(addr):
-    if ":" in addr:
-        return dict(has_ipaddr=1, afi=2, ip6=addr)
-    return dict(has_ipaddr=1, afi=1, ip4=addr)
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "lib"))
+from scapy_icmp_extension import addr_fields, name_fields, node_object, structure  # noqa: E402
 
 
 def extension(cfg):
@@ -38,15 +28,11 @@ def extension(cfg):
         interface_role=0, has_ifindex=1, ifindex=i["ifindex"], **addr_fields(i["addr"]),
         **name_fields(i["name"]), has_mtu=1, mtu=i["mtu"]))
     n = cfg["node"]
-    objs += bytes(ICMPExtensionInterfaceInformation(
-        classnum=n["classnum"], **addr_fields(n["addr"]), **name_fields(n["name"])))
+    objs += node_object(n["classnum"], n["addr"], n["name"])
     if cfg.get("other"):
         body = bytes.fromhex(cfg["other"])
         objs += struct.pack("!HBB", 4 + len(body), 1, 1) + body
-    # scapy's header checksum covers only its own 4 bytes; RFC 4884 covers the structure.
-    extn = bytearray(bytes(ICMPExtensionHeader(chksum=0)) + objs)
-    extn[2:4] = struct.pack("!H", checksum(bytes(extn)))
-    return bytes(extn)
+    return structure(objs)
 
 
 def main():

@@ -5,12 +5,14 @@ Prints the base datagrams and one C++ table row per case; paste them into the te
 message is checked to be header + quoted datagram + zero padding + extension structure, so the
 test embeds only the header and the structure as hex.
 """
-import struct
+import sys
+from pathlib import Path
 
 from scapy.all import IP, UDP, IPv6, Raw, ICMP, ICMPv6TimeExceeded, ICMPv6DestUnreach
-from scapy.utils import checksum
-from scapy.contrib.icmp_extensions import (ICMPExtensionHeader,
-                                           ICMPExtensionInterfaceInformation)
+from scapy.contrib.icmp_extensions import ICMPExtensionInterfaceInformation
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "lib"))
+from scapy_icmp_extension import addr_fields, name_fields, node_object, structure  # noqa: E402
 
 V6_SRC, V6_DST = "2001:db8:1::1", "2001:db8:2::2"
 
@@ -28,23 +30,6 @@ assert len(DGRAM4) == 1024 and len(DGRAM6) == 1024
 assert DGRAM4[28:] == pattern(996) and DGRAM6[48:] == pattern(976)
 
 
-def name_fields(name):
-    """RFC 5837 name sub-object: at most 63 bytes of name, length octet counting itself and
-    the NUL padding to a 4-byte end."""
-    name = name.encode()[:63]
-    length = (1 + len(name) + 3) & ~3
-    return dict(has_ifname=1, ifname_len=length, ifname=name + b"\0" * (length - 1 - len(name)))
-
-
-def addr_fields(addr):
-    if addr is None:
-        return {}
-    # scapy leaves the AFI unset (and so drops the address) unless it is given.
-    if ":" in addr:
-        return dict(has_ipaddr=1, afi=2, ip6=addr)
-    return dict(has_ipaddr=1, afi=1, ip4=addr)
-
-
 def intf_object(role, ifindex, addr, name, mtu):
     f = dict(interface_role=role)
     if ifindex:
@@ -57,11 +42,6 @@ def intf_object(role, ifindex, addr, name, mtu):
     return ICMPExtensionInterfaceInformation(**f)
 
 
-def node_object(classnum, addr, hostname):
-    return ICMPExtensionInterfaceInformation(classnum=classnum, **addr_fields(addr),
-                                             **name_fields(hostname))
-
-
 def build(c):
     v6 = c["af"] == "v6"
     dgram = (DGRAM6 if v6 else DGRAM4)[:c["quoted"]]
@@ -72,15 +52,10 @@ def build(c):
         quote = dgram[:1272 if v6 else 568]
     extn = None
     if ext:
-        # Objects are built one by one: stacked, scapy counts the objects after one in its
-        # length. And its extension header sums only its own 4 bytes where RFC 4884 section 7
-        # sums the whole structure, so the checksum is set here.
-        extn = bytes(ICMPExtensionHeader(chksum=0)) + bytes(intf_object(*c["intf"]))
+        objs = bytes(intf_object(*c["intf"]))
         if c.get("node"):
-            extn += bytes(node_object(*c["node"]))
-        extn = bytearray(extn)
-        extn[2:4] = struct.pack("!H", checksum(bytes(extn)))
-        extn = Raw(bytes(extn))
+            objs += node_object(*c["node"])
+        extn = Raw(structure(objs))
     if v6:
         cls = ICMPv6TimeExceeded if c["type"] == 3 else ICMPv6DestUnreach
         icmp = cls(code=c["code"], length=16 if ext else 0) / Raw(quote)

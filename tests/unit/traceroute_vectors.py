@@ -7,10 +7,14 @@ extensions, the structure after the quote (the probe padded with zeros to 128 by
 script checks each message is exactly that.
 """
 import struct
+import sys
+from pathlib import Path
 
 from scapy.all import ICMP, IP, UDP, IPv6, ICMPv6TimeExceeded, Raw
-from scapy.contrib.icmp_extensions import ICMPExtensionHeader, ICMPExtensionInterfaceInformation
-from scapy.utils import checksum
+from scapy.contrib.icmp_extensions import ICMPExtensionInterfaceInformation
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[1] / "lib"))
+from scapy_icmp_extension import addr_fields, name_fields, node_object, structure  # noqa: E402
 
 PROBE4 = bytes(IP(src="192.0.2.1", dst="198.51.100.2", ttl=1, id=1) /
                UDP(sport=40000, dport=33434) / Raw(bytes(32)))
@@ -20,33 +24,10 @@ V6_HOP, V6_CLIENT = "2001:db8:1::2", "2001:db8:1::1"
 LONG_NAME = "ge-0/0/0.4094-" + "n" * 49  # 63 bytes
 
 
-def name_fields(name):
-    length = (1 + len(name) + 3) & ~3
-    return dict(has_ifname=1, ifname_len=length, ifname=name + b"\0" * (length - 1 - len(name)))
-
-
-def addr_fields(addr):
-    if ":" in addr:
-        return dict(has_ipaddr=1, afi=2, ip6=addr)
-    return dict(has_ipaddr=1, afi=1, ip4=addr)
-
-
 def intf(ifindex, addr, name, mtu):
     return bytes(ICMPExtensionInterfaceInformation(
         interface_role=0, has_ifindex=1, ifindex=ifindex, **addr_fields(addr),
         **name_fields(name), has_mtu=1, mtu=mtu))
-
-
-def node(classnum, addr, name):
-    return bytes(ICMPExtensionInterfaceInformation(classnum=classnum, **addr_fields(addr),
-                                                   **name_fields(name)))
-
-
-def structure(objs, bad_checksum=False):
-    # scapy's header checksum covers only its own 4 bytes; RFC 4884 covers the structure.
-    extn = bytearray(bytes(ICMPExtensionHeader(chksum=0)) + objs)
-    extn[2:4] = struct.pack("!H", checksum(bytes(extn)) ^ (0x0101 if bad_checksum else 0))
-    return bytes(extn)
 
 
 def v4(type_, code, objs=None, bad_checksum=False):
@@ -65,13 +46,13 @@ def v6(objs):
 CASES = {
     "kPlain": v4(11, 0),
     "kIntfAndNode": v4(11, 0, intf(5, "10.0.1.1", b"eth1", 1500) +
-                       node(200, "192.0.2.1", b"router1")),
+                       node_object(200, "192.0.2.1", b"router1")),
     "kLongNameV6": v6(intf(77, V6_HOP, LONG_NAME.encode(), 1280) +
-                      node(200, "2001:db8:ff::1", b"r1")),
+                      node_object(200, "2001:db8:ff::1", b"r1")),
     "kUnknownObject": v4(3, 3, struct.pack("!HBB", 8, 1, 1) + bytes.fromhex("0001f1ff")),
     "kBadChecksum": v4(11, 0, intf(5, "10.0.1.1", b"eth1", 1500), bad_checksum=True),
     "kOddNames": v4(11, 0, intf(6, "10.0.2.1", b"e\x1b[0m\\", 0) +
-                    node(200, "192.0.2.1", b"r\xff")),
+                    node_object(200, "192.0.2.1", b"r\xff")),
 }
 
 if __name__ == "__main__":
