@@ -104,3 +104,12 @@ void NftKernelErrorFilter::vrfDel(const VrfName& vrf) {
 }
 
 }  // namespace Ravel::ErrorResponder
+
+namespace Ravel::ErrorResponder {
+
+// Interim: the libnftables filter has no liveness; nothing is dropped until it is replaced.
+bool NftKernelErrorFilter::liveIs(const VrfName& vrf, LiveFamilies) {
+   return vrfs_.count(vrf) != 0;
+}
+
+}  // namespace Ravel::ErrorResponder

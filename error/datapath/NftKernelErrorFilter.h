@@ -26,6 +26,7 @@ class NftKernelErrorFilter final : public KernelErrorFilter {
    ~NftKernelErrorFilter() override;
    bool vrfIs(const VrfName& vrf, const std::string& nsPath) override;
    void vrfDel(const VrfName& vrf) override;
+   bool liveIs(const VrfName& vrf, LiveFamilies live) override;
 
    size_t vrfCount() const { return vrfs_.size(); }
 

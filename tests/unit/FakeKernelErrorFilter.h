@@ -19,11 +19,25 @@ class FakeKernelErrorFilter final : public ErrorResponder::KernelErrorFilter {
       installed[vrf] = nsPath;
       return true;
    }
-   void vrfDel(const VrfName& vrf) override { installed.erase(vrf); }
+   void vrfDel(const VrfName& vrf) override {
+      installed.erase(vrf);
+      live.erase(vrf);
+   }
+   bool liveIs(const VrfName& vrf, ErrorResponder::LiveFamilies families) override {
+      ++refreshes;
+      if (!installed.count(vrf) || failing.count(vrf)) {
+         live.erase(vrf);
+         return false;
+      }
+      live[vrf] = families;
+      return true;
+   }
 
-   std::map<VrfName, std::string> installed;  // VRF -> namespace path
-   std::set<VrfName> failing;                 // vrfIs fails for these
+   std::map<VrfName, std::string> installed;                // VRF -> namespace path
+   std::map<VrfName, ErrorResponder::LiveFamilies> live;    // the last liveIs per VRF
+   std::set<VrfName> failing;                               // vrfIs and liveIs fail for these
    int calls = 0;
+   int refreshes = 0;
 };
 
 }  // namespace Ravel::testing
