@@ -25,10 +25,7 @@ constexpr AddressFamily kFamilies[] = {AddressFamily::ipv4, AddressFamily::ipv6}
 
 RootSm::RootSm(RootSmInputs inputs, HelperSetup helperSetup,
                std::unique_ptr<KernelErrorFilter> kernelErrorFilter)
-    : in_(std::move(inputs)),
-      helperSetup_(std::move(helperSetup)),
-      kernelErrorFilter_(kernelErrorFilter ? std::move(kernelErrorFilter)
-                                           : std::make_unique<NftKernelErrorFilter>()) {
+    : in_(std::move(inputs)), helperSetup_(std::move(helperSetup)) {
    RAVEL_ASSERT(in_.status);
    RAVEL_ASSERT(in_.config);
    afStatusSub_ = in_.status->afStatus.subscribe([this](const AddressFamily& af) { handleAf(af); });
@@ -45,17 +42,9 @@ RootSm::RootSm(RootSmInputs inputs, HelperSetup helperSetup,
        make<PollCounterSm>(Scheduler::defaultScheduler(), in_.status, errorResponderStats_);
    RAVEL_ASSERT(in_.allVrfStatusLocal);
    configSm_ = make<ConfigSm>(in_.config, in_.allVrfStatusLocal, in_.ebpfConfig, in_.status);
-   ebpfEntrySub_ = in_.ebpfConfig->entry.subscribe(
-       [this](const VrfName& vrf) { handleKernelErrorFilter(vrf); });
-   auto filterAll = [this] {
-      std::vector<VrfName> vrfs;
-      for (auto& [vrf, e] : in_.ebpfConfig->entry)
-         vrfs.push_back(vrf);
-      for (auto& vrf : vrfs)
-         handleKernelErrorFilter(vrf);
-   };
-   suppressSub_ = in_.config->suppressKernelErrors.subscribe(filterAll);
-   filterAll();  // entries made before this subscription
+   // Extended errors need the VRF's PAMs whether the VRF or the global switch enabled them.
+   ebpfEntrySub_ =
+       in_.ebpfConfig->entry.subscribe([this](const VrfName& vrf) { handleVrfPamConfig(vrf); });
    for (AddressFamily af : kFamilies) {
       handlerContext_[idx(af)] = make<EbpfHandlerContext>(errorResponderStats_);
       initStatus_[idx(af)] = make<EbpfInitStatus>(af);
@@ -65,13 +54,37 @@ RootSm::RootSm(RootSmInputs inputs, HelperSetup helperSetup,
    std::vector<VrfName> names;
    for (auto& [name, c] : in_.config->vrfConfig)
       names.push_back(name);
+   for (auto& [name, e] : in_.ebpfConfig->entry)
+      names.push_back(name);
    for (auto& n : names)
       handleVrfPamConfig(n);
+   kernelErrorGuard_ = make<KernelErrorGuardSm>(
+       KernelErrorGuardInputs{in_.config,
+                              in_.ebpfConfig,
+                              in_.allVrfStatusLocal,
+                              in_.status,
+                              in_.pamCollection,
+                              {vrfStatus_[0], vrfStatus_[1]}},
+       kernelErrorFilter ? std::move(kernelErrorFilter) : std::make_unique<NftKernelErrorFilter>(),
+       [this](AddressFamily af) { return recordsLost(af); }, Scheduler::defaultScheduler());
+}
+
+std::optional<uint64_t> RootSm::recordsLost(AddressFamily af) const {
+   if (!ringBufSm_[idx(af)])
+      return std::nullopt;  // nothing drains the family (not loaded, or the substitute loader)
+   EbpfKernelStats k;
+   if (!helper_[idx(af)]->kernelStats(initStatus_[idx(af)]->params(), k))
+      return std::nullopt;  // drops could go unseen
+   uint64_t rejected = 0;
+   if (auto s = errorResponderStats_->errorResponderAfStats(af))
+      rejected =
+          s->counter(AfCounterId::invalidDataSize) + s->counter(AfCounterId::insufficientDataLen);
+   return k.dropped + rejected;
 }
 
 RootSm::~RootSm() {
+   kernelErrorGuard_.reset();  // the kernel's errors flow again before anything else goes
    ebpfEntrySub_.reset();
-   suppressSub_.reset();
    afStatusSub_.reset();
    vrfConfigSub_.reset();
    intfLookupHelper_.reset();
@@ -110,21 +123,6 @@ void RootSm::handleInitialized() {
    initialized_ = true;
    for (AddressFamily af : kFamilies)
       handleAf(af);
-}
-
-void RootSm::handleKernelErrorFilter(const VrfName& vrf) {
-   bool want = in_.config->suppressKernelErrors() && in_.ebpfConfig->entry.has(vrf);
-   std::string nsPath;
-   if (want && !vrf.isDefault()) {
-      auto s = in_.allVrfStatusLocal->vrf.get(vrf);
-      want = s && !s->nsPath().empty();
-      nsPath = want ? s->nsPath() : "";
-   }
-   TRACE(4, "vrf {} kernel error filter {}", vrf, want ? "on" : "off");
-   if (!want)
-      kernelErrorFilter_->vrfDel(vrf);
-   else if (!kernelErrorFilter_->vrfIs(vrf, nsPath))
-      in_.status->kernelErrorFilterFailedInc();  // the filter traced why
 }
 
 void RootSm::setupEpfHelper() {
@@ -171,7 +169,8 @@ void RootSm::handleAf(AddressFamily af) {
       // The aggregate's per-family lists are never replaced: the processor follows them.
       auto processor = make<IcmpPktInfoProcessor>(IcmpErrPktInfoProcessorInputs{
           af, intfLookupHelper_, in_.pamCollection, in_.config, vrfStatus_[idx(af)],
-          aclConfig_->of(af), errorResponderStats_, in_.ebpfConfig});
+          aclConfig_->of(af), errorResponderStats_, in_.ebpfConfig,
+          [this, af](const VrfName& vrf) { kernelErrorGuard_->replacementLost(vrf, af); }});
       processor_[idx(af)] = processor;
       ringBufSm_[idx(af)] = make<EbpfRingBufSm>(
           af, initStatus_[idx(af)], handlerContext_[idx(af)], helper_[idx(af)],
@@ -188,7 +187,7 @@ void RootSm::handleAf(AddressFamily af) {
 
 void RootSm::handleVrfPamConfig(const VrfName& vrfName) {
    TRACE(4, "handleVrfPamConfig");
-   bool configured = in_.config->vrfConfig.has(vrfName);
+   bool configured = in_.config->vrfConfig.has(vrfName) || in_.ebpfConfig->entry.has(vrfName);
    if (configured && !in_.pamConfig->vrfHas(vrfName)) {
       TRACE(4, "Added config vrfName {}", vrfName);
       in_.pamConfig->vrfIs(vrfName);
@@ -240,6 +239,8 @@ void RootSm::dumpState(DumpContext& ctx, int indent) const {
    }
    RAVEL_DUMP(ctx, in, "configSm\n");
    configSm_->dumpState(ctx, in + 2);
+   if (kernelErrorGuard_)
+      kernelErrorGuard_->dumpState(ctx, in);
    for (AddressFamily af : kFamilies) {
       if (!progSm_[idx(af)])
          continue;

@@ -8,6 +8,7 @@
 #include "error/ErrorResponderConfigSm.h"
 #include "error/ErrorResponderCounterSm.h"
 #include "error/ErrorResponderEbpfSm.h"
+#include "error/KernelErrorGuardSm.h"
 #include "error/datapath/IcmpErrPktInfoProcessor.h"
 #include "error/datapath/InterfaceLookupHelper.h"
 #include "error/datapath/KernelErrorFilter.h"
@@ -47,8 +48,6 @@ class RootSm : public Node {
 
    void handleInitialized();
    void setupEpfHelper();
-   // The kernel's own errors are dropped in a VRF while extended errors are programmed there.
-   void handleKernelErrorFilter(const VrfName& vrf);
    void handleAf(AddressFamily af);
    void handleVrfPamConfig(const VrfName& vrfName);
    void dumpState(DumpContext& ctx, int indent) const;
@@ -84,6 +83,7 @@ class RootSm : public Node {
    const Ptr<EbpfProgSm>& ebpfProgSm(AddressFamily af) const { return progSm_[idx(af)]; }
    const Ptr<EbpfRingBufSm>& ebpfRingBufSm(AddressFamily af) const { return ringBufSm_[idx(af)]; }
    const Ptr<IntfLookupHelper>& intfLookupHelper() const { return intfLookupHelper_; }
+   const Ptr<KernelErrorGuardSm>& kernelErrorGuard() const { return kernelErrorGuard_; }
    const Ptr<EbpfInitStatus>& ebpfInitStatus(AddressFamily af) const {
       return initStatus_[idx(af)];
    }
@@ -94,6 +94,7 @@ class RootSm : public Node {
 
  private:
    static size_t idx(AddressFamily af) { return af == AddressFamily::ipv6 ? 1 : 0; }
+   std::optional<uint64_t> recordsLost(AddressFamily af) const;
 
    RootSmInputs in_;
    bool mockEbpfEnvironment_ = false;
@@ -114,12 +115,11 @@ class RootSm : public Node {
    // While the family's program is loaded.
    Ptr<IcmpPktInfoProcessor> processor_[2];
    Ptr<EbpfRingBufSm> ringBufSm_[2];
-   std::unique_ptr<KernelErrorFilter> kernelErrorFilter_;
+   Ptr<KernelErrorGuardSm> kernelErrorGuard_;
    bool initialized_ = false;
    Subscription afStatusSub_;
    Subscription vrfConfigSub_;
    Subscription ebpfEntrySub_;
-   Subscription suppressSub_;
 };
 
 // The extended ICMP error responder's sub-agent.

@@ -2,6 +2,8 @@
 
 #include <fmt/format.h>
 
+#include <algorithm>
+
 #include "platform/core/Assert.h"
 #include "platform/core/Trace.h"
 
@@ -20,7 +22,9 @@ EbpfProgSm::EbpfProgSm(AddressFamily af, Ptr<EbpfConfig> ebpfConfig,
       status_(std::move(status)),
       ebpfHandlerContext_(std::move(ebpfHandlerContext)),
       ebpfHelper_(std::move(ebpfHelper)),
-      errorResponderStats_(std::move(errorResponderStats)) {
+      errorResponderStats_(std::move(errorResponderStats)),
+      retryTimer_(Scheduler::defaultScheduler(), "EbpfLoadRetry", 4,
+                  [this] { handleVrfConfig(); }) {
    RAVEL_ASSERT(ebpfConfig_);
    entrySub_ = ebpfConfig_->entry.subscribe([this](const VrfName& n) { handleVrfConfig(n); });
    ringBufSzSub_ = ebpfConfig_->ringBufSz.subscribe([this] { handleSizes(); });
@@ -73,25 +77,38 @@ void EbpfProgSm::maybeLoadOrUnloadEbpf() {
          TRACE(5, "program already loaded. nothing to do");
          return;
       }
-      if (loadFailed_)
-         return;  // reported once; retried when the sizes change or the VRFs all go
+      if (retryTimer_.currentExpirationTime() != kNever)
+         return;  // reported; the timer tries again
       TRACE(4, "Creating Stats object");
       errorResponderStats_->errorResponderAfStatsIs(af_);
       TRACE(4, "Loading ebpf program.");
       EbpfInitParams params = ebpfHelper_->loadProgram(ebpfConfig_, ebpfHandlerContext_);
       ebpfInitStatus_->paramsIs(params);
       if (!params) {
-         // The loader has said why. The family stays unloaded; the next VRF change retries.
-         TRACE(1, "af: {} program not loaded; error responder off for this family", af_);
+         // The loader has said why. The family stays unloaded and the kernel's errors flow.
+         ++failures_;
+         Seconds delay = kFirstRetry;
+         for (uint32_t i = 1; i < failures_ && delay < kLastRetry; ++i)
+            delay *= 2;
+         delay = std::min(delay, kLastRetry);
+         TRACE(1,
+               "af: {} program not loaded; error responder off for this family, next try in {} s",
+               af_, delay);
          status_->ebpfLoadFailedInc();
-         loadFailed_ = true;
+         Scheduler& sched = retryTimer_.scheduler();
+         status_->loadRetry[af_] = {ebpfHelper_->lastLoadError(), failures_, sched.now() + delay};
+         retryTimer_.scheduleTaskDelay(delay);
          errorResponderStats_->errorResponderAfStatsDel(af_);
          return;
       }
+      failures_ = 0;
+      status_->loadRetry.erase(af_);
       status_->afStatusIs(af_);
       return;
    }
-   loadFailed_ = false;
+   failures_ = 0;
+   retryTimer_.cancel();
+   status_->loadRetry.erase(af_);
    if (!ebpfInitStatus_->ebpfProgLoaded()) {
       TRACE(5, "Program already unloaded. nothing to do");
       return;
@@ -106,10 +123,10 @@ void EbpfProgSm::maybeLoadOrUnloadEbpf() {
 }
 
 void EbpfProgSm::handleSizes() {
-   // Sizes apply at load time; they give a failed load another chance.
-   if (!loadFailed_)
+   // Sizes apply at load time; they give a failed load another chance at once.
+   if (!loadFailed())
       return;
-   loadFailed_ = false;
+   retryTimer_.cancel();
    handleVrfConfig();
 }
 
@@ -140,7 +157,13 @@ void EbpfProgSm::handleVrfConfig(const VrfName& vrfName) {
          ebpfVrfStatus_->enabledInodeDel(old);
       }
       TRACE(4, "programming vrfName: {} with inode {}", vrfName, nsInodeForVrf);
-      ebpfHelper_->addToVrfMap(nsMapFd, nsInodeForVrf);
+      if (!ebpfHelper_->addToVrfMap(nsMapFd, nsInodeForVrf)) {
+         // The loader has said why; the VRF keeps the kernel's errors.
+         status_->vrfMapAddFailedInc();
+         if (old)
+            vrfNameToProgrammedInodeDel(vrfName);
+         return;
+      }
       vrfNameToProgrammedInodeIs(vrfName, nsInodeForVrf);
       ebpfVrfStatus_->enabledInodeIs(nsInodeForVrf);
       status_->afStatus.get(af_)->vrfStatusIs(vrfName);
@@ -162,6 +185,18 @@ void EbpfProgSm::handleVrfConfig(const VrfName& vrfName) {
       afStats->errorResponderVrfStatsDel(vrfName);
    if (auto afStatus = status_->afStatus.get(af_))
       afStatus->vrfStatusDel(vrfName);
+   if (loaded)
+      retryUnprogrammed();
+}
+
+void EbpfProgSm::retryUnprogrammed() {
+   std::vector<VrfName> waiting;
+   for (auto& [vrf, e] : ebpfConfig_->entry) {
+      if (!vrfNameToProgrammedInode(vrf))
+         waiting.push_back(vrf);
+   }
+   for (auto& vrf : waiting)
+      handleVrfConfig(vrf);
 }
 
 void EbpfProgSm::onDelete() {

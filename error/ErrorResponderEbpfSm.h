@@ -8,6 +8,7 @@
 #include "error/ErrorResponderCounterSm.h"
 #include "error/ErrorResponderTypes.h"
 #include "error/datapath/ErrorResponderEbpfHelper.h"
+#include "platform/core/Scheduler.h"
 
 namespace Ravel::ErrorResponder {
 
@@ -24,8 +25,13 @@ class EbpfProgSm : public Node {
    void handleVrfConfig(const VrfName& vrfName);
    void maybeLoadOrUnloadEbpf();
    void handleSizes();
-   bool loadFailed() const { return loadFailed_; }
+   bool loadFailed() const { return failures_ != 0; }
+   // The first retry after a failed load, doubled after each further failure up to the last.
+   static constexpr Seconds kFirstRetry = 5.0;
+   static constexpr Seconds kLastRetry = 300.0;
    void onDelete();
+   // VRFs the filter map refused get another try when a place may have come free.
+   void retryUnprogrammed();
 
    AddressFamily af() const { return af_; }
    const Ptr<Status>& status() const { return status_; }
@@ -57,7 +63,8 @@ class EbpfProgSm : public Node {
    Ptr<ErrorResponderStats> errorResponderStats_;
    std::map<VrfName, NsInode> programmed_;
    bool initialized_ = false;
-   bool loadFailed_ = false;  // the last load failed; not retried on every VRF change
+   uint32_t failures_ = 0;  // loads failed in a row; retried from the timer, not per VRF change
+   TimerTask retryTimer_;
    Subscription entrySub_;
    Subscription ringBufSzSub_;
    Subscription vrfMapSzSub_;

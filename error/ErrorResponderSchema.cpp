@@ -49,6 +49,8 @@ const char* toString(VrfCounterId id) {
          return "extendedErrorSent";
       case VrfCounterId::replySendFailed:
          return "replySendFailed";
+      case VrfCounterId::leftToKernel:
+         return "leftToKernel";
    }
    return "unknown";
 }

@@ -80,8 +80,9 @@ enum class VrfCounterId : uint8_t {
    rfc792ErrorSent = 2,
    extendedErrorSent = 3,
    replySendFailed = 4,
+   leftToKernel = 5,  // not ours to send: the kernel's own error goes through
 };
-constexpr size_t kVrfCounterCount = 5;
+constexpr size_t kVrfCounterCount = 6;
 const char* toString(VrfCounterId id);
 
 // Published counters of one VRF whose namespace is in a family's kernel filter.
@@ -90,6 +91,8 @@ class VrfStatus : public Node {
    explicit VrfStatus(VrfName n) : vrfName(std::move(n)) {}
    const VrfName vrfName;
    std::map<VrfCounterId, uint64_t> vrfCounter;
+   // The kernel's own errors of this family are being dropped in the VRF (ours replace them).
+   bool kernelErrorsDropped = false;
    void vrfCounterIs(VrfCounterId id, uint64_t v) { vrfCounter[id] = v; }
    void vrfCounterDelAll() { vrfCounter.clear(); }
    uint64_t counter(VrfCounterId id) const {
@@ -142,9 +145,22 @@ class Status : public Entity {
    // names for one namespace): the kernel filter can only map an inode to one VRF.
    uint64_t nsInodeConflict = 0;
    void nsInodeConflictInc() { ++nsInodeConflict; }
-   // Kernel program loads that failed; the family stays unloaded until the next VRF change.
+   // Kernel program loads that failed; the family is tried again with backoff.
    uint64_t ebpfLoadFailed = 0;
    void ebpfLoadFailedInc() { ++ebpfLoadFailed; }
+   // Families whose program is not loaded for want of a successful load: why, how often it
+   // failed in a row, and when (scheduler clock, seconds) the next attempt is.
+   struct LoadRetry {
+      std::string error;
+      uint32_t failures = 0;
+      double nextAttempt = 0;
+   };
+   using LoadRetries = std::map<AddressFamily, LoadRetry>;
+   LoadRetries loadRetry;
+   // VRFs not written into a family's namespace filter (a full map): the kernel's errors go on
+   // there. Tried again when another VRF leaves the map.
+   uint64_t vrfMapAddFailed = 0;
+   void vrfMapAddFailedInc() { ++vrfMapAddFailed; }
    // VRFs whose nftables filter of the kernel's own errors could not be installed; their
    // senders then get the kernel's error too.
    uint64_t kernelErrorFilterFailed = 0;

@@ -91,6 +91,12 @@ struct SkelDestroy {
 template <typename F>
 using SkelPtr = std::unique_ptr<typename F::Skel, SkelDestroy<F>>;
 
+// Why each family's last load failed, for the operator.
+std::string& lastLoadFailure(AddressFamily af) {
+   static std::string failure[2];
+   return failure[af == AddressFamily::ipv6 ? 1 : 0];
+}
+
 // A failed step: a trace, a line on standard error and the step's stop message.
 void reportLoadFailure(AddressFamily af, const char* traceFormat, const char* stderrPrefix,
                        int code, const char* stopMessage) {
@@ -98,6 +104,7 @@ void reportLoadFailure(AddressFamily af, const char* traceFormat, const char* st
    TRACE(1, "{}", fmt::format(fmt::runtime(traceFormat), code, text));
    std::fprintf(stderr, "%s%d (%s)\n", stderrPrefix, code, text.c_str());
    TRACE(1, "{}: {}", af, stopMessage);
+   lastLoadFailure(af) = fmt::format("{}: {} ({})", stopMessage, code, text);
 }
 
 template <typename F>
@@ -128,6 +135,7 @@ EbpfInitParams loadFamily(const Ptr<EbpfConfig>& ebpfConfig, const Ptr<EbpfHandl
          TRACE(1, "Unknown icmp_push_reply layout: {}", layout.reason);
          std::fprintf(stderr, "IcmpErrResponder: unknown icmp_push_reply layout: %s\n",
                       layout.reason.c_str());
+         lastLoadFailure(F::af) = "unknown icmp_push_reply layout: " + layout.reason;
          return {};
       }
       TRACE(4, "icmp_push_reply layout {}", toString(layout.layout));
@@ -267,7 +275,15 @@ void EbpfIpv6Helper::unloadProgram(const EbpfInitParams& params) {
    unloadFamily<V6>(params);
 }
 
-void EbpfIpGenHelper::addToVrfMap(int32_t mapFd, NsInode nsInode) {
+std::string EbpfIpv4Helper::lastLoadError() const {
+   return lastLoadFailure(AddressFamily::ipv4);
+}
+
+std::string EbpfIpv6Helper::lastLoadError() const {
+   return lastLoadFailure(AddressFamily::ipv6);
+}
+
+bool EbpfIpGenHelper::addToVrfMap(int32_t mapFd, NsInode nsInode) {
    TRACE(4, " mapFd: {} nsInode: {}", mapFd, nsInode);
    RAVEL_ASSERT(mapFd > 0);
    uint64_t key = nsInode;
@@ -280,7 +296,9 @@ void EbpfIpGenHelper::addToVrfMap(int32_t mapFd, NsInode nsInode) {
       TRACE(1, "bpf_map_update_elem err: {} errno: {}", err, text);
       std::fprintf(stderr, "IcmpErrResponder: bpf_map_update_elem err: %d errno: %s\n", err,
                    text.c_str());
+      return false;
    }
+   return true;
 }
 
 void EbpfIpGenHelper::removeFromVrfMap(int32_t mapFd, NsInode nsInode) {

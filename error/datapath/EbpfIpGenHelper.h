@@ -14,7 +14,7 @@ namespace Ravel::ErrorResponder {
 // What both families do alike: the namespace filter map.
 class EbpfIpGenHelper : public EbpfHelperBase {
  public:
-   void addToVrfMap(int32_t mapFd, NsInode nsInode) override;
+   bool addToVrfMap(int32_t mapFd, NsInode nsInode) override;
    void removeFromVrfMap(int32_t mapFd, NsInode nsInode) override;
    void afterUnload() override {}
    int consume(const EbpfInitParams& params) override;
@@ -28,6 +28,7 @@ class EbpfIpv4Helper : public EbpfIpGenHelper {
    EbpfInitParams loadProgram(const Ptr<EbpfConfig>& ebpfConfig,
                               const Ptr<EbpfHandlerContext>& ebpfHandlerContext) override;
    void unloadProgram(const EbpfInitParams& params) override;
+   std::string lastLoadError() const override;
 };
 
 class EbpfIpv6Helper : public EbpfIpGenHelper {
@@ -35,6 +36,7 @@ class EbpfIpv6Helper : public EbpfIpGenHelper {
    EbpfInitParams loadProgram(const Ptr<EbpfConfig>& ebpfConfig,
                               const Ptr<EbpfHandlerContext>& ebpfHandlerContext) override;
    void unloadProgram(const EbpfInitParams& params) override;
+   std::string lastLoadError() const override;
 };
 
 // Ring-buffer sample callbacks; `ctx` is the family's EbpfHandlerContext. 0: go on; 1: record

@@ -4,6 +4,7 @@
 // it. Only implementations of this interface touch libbpf.
 
 #include <cstdint>
+#include <string>
 
 #include "error/ErrorResponderTypes.h"
 
@@ -28,9 +29,12 @@ class EbpfHelperBase : public Node {
    virtual EbpfInitParams loadProgram(const Ptr<EbpfConfig>& ebpfConfig,
                                       const Ptr<EbpfHandlerContext>& ctx) = 0;
    virtual void unloadProgram(const EbpfInitParams& params) = 0;
-   virtual void addToVrfMap(int32_t mapFd, NsInode nsInode) = 0;
+   // False when the namespace could not be added (traced): typically a full map.
+   virtual bool addToVrfMap(int32_t mapFd, NsInode nsInode) = 0;
    virtual void removeFromVrfMap(int32_t mapFd, NsInode nsInode) = 0;
    virtual void afterUnload() = 0;
+   // Why the last loadProgram failed, in words.
+   virtual std::string lastLoadError() const = 0;
    // Draining a loaded program: hands every record its ring holds now to the ring's callback
    // (which may ask to stop early); the kernel program's own counts, read and cleared.
    // Records handed over, or a negative errno (-1 also when a callback asked to stop).

@@ -29,6 +29,13 @@ std::span<const uint8_t> ipHeader(std::span<const uint8_t> d, AddressFamily af) 
    return d.first(std::min(len, d.size()));
 }
 
+// The kernel's stand-in source of a router without an IPv4 address (RFC 7600): no socket of
+// ours can send from it. The unspecified address, likewise.
+bool usableSource(const IpGenAddr& src) {
+   static const IpGenAddr dummy = *IpGenAddr::parse("192.0.0.8");
+   return !src.isZero() && src != dummy;
+}
+
 }  // namespace
 
 const char* toString(AclFilterAction a) {
@@ -68,11 +75,21 @@ void IcmpErrPktInfoProcessor::processPacketInfo(const packet_info& pktInfo) {
    TRACE(7, "{}", dumpPacketInfo(pktInfo));
    if (!nsValidate(pktInfo)) {
       in_.stats->incrAfCounter(in_.af, AfCounterId::nsValidationFailed);
-      TRACE(0, "Ns validation failed for nsInode: {}", pktInfo.nsindex);
+      TRACE(5, "Ns validation failed for nsInode: {}", pktInfo.nsindex);
+      // A VRF whose namespace is being programmed again may have dropped the kernel's error.
+      if (auto e = in_.ebpfConfig->entryByInode.get(NsInode{pktInfo.nsindex}))
+         lost(e->vrfName);
       return;
    }
    VrfName vrf = getVrf(pktInfo);
    in_.stats->incrAfCounter(in_.af, AfCounterId::pktInfoProcessed);
+   IpGenAddr src = recordAddr(pktInfo.src_addr, in_.af);
+   if (!usableSource(src)) {
+      // The kernel's error goes through: its filter drops only errors with a local source.
+      TRACE(6, "source {} is not ours to send from; left to the kernel", src);
+      in_.stats->incrVrfCounter(in_.af, vrf, VrfCounterId::leftToKernel);
+      return;
+   }
 
    bool withExtensions = aclFilterResult(pktInfo, vrf);
    TRACE(7, "{}",
@@ -86,8 +103,14 @@ void IcmpErrPktInfoProcessor::processPacketInfo(const packet_info& pktInfo) {
    }
    replyHandler_->setPacketContext(pktInfo, metadata, in_.af);
    replyHandler_->createIcmpErrPacket(withExtensions);
-   replyHandler_->sendIcmpReply(withExtensions, vrf);
+   if (!replyHandler_->sendIcmpReply(withExtensions, vrf))
+      lost(vrf);
    replyHandler_->pktDel();
+}
+
+void IcmpErrPktInfoProcessor::lost(const VrfName& vrf) const {
+   if (in_.replacementLost)
+      in_.replacementLost(vrf);
 }
 
 bool IcmpErrPktInfoProcessor::nsValidate(const packet_info& pktInfo) const {

@@ -4,6 +4,7 @@
 // extensions, or in plain RFC 792 / RFC 4443 form when the VRF's ACL refuses them or the
 // interface cannot be found. Records of namespaces no longer enabled get no reply.
 
+#include <functional>
 #include <string>
 
 #include "bpf/IcmpPktInfo.h"
@@ -29,6 +30,8 @@ struct IcmpErrPktInfoProcessorInputs {
    Ptr<AclTypeConfig> aclTypeConfig;  // the family's lists, by name
    Ptr<ErrorResponderStats> stats;
    Ptr<EbpfConfig> ebpfConfig;
+   // A record of the VRF that got no error from us: its kernel error may have been dropped.
+   std::function<void(const VrfName&)> replacementLost;
 };
 
 class IcmpErrPktInfoProcessor : public Node {
@@ -57,6 +60,8 @@ class IcmpErrPktInfoProcessor : public Node {
    const Ptr<IcmpErrReplyHandler>& replyHandler() const { return replyHandler_; }
 
  private:
+   void lost(const VrfName& vrf) const;
+
    IcmpErrPktInfoProcessorInputs in_;
    Ptr<IcmpErrReplyHandler> replyHandler_;
 };

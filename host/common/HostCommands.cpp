@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <cmath>
 #include <sstream>
 
 #include <fmt/format.h>
@@ -10,6 +12,7 @@
 #include "error/ErrorResponderSchema.h"
 #include "host/common/Daemon.h"
 #include "host/common/Metrics.h"
+#include "platform/core/Scheduler.h"
 #include "platform/linux/IpPam.h"
 #include "platform/store/NetSchema.h"
 #include "probe/ProbeSchema.h"
@@ -197,10 +200,18 @@ void ShowCallback::showErrors(int fd, bool json) {
    j["nsInodeConflict"] = status ? status->nsInodeConflict : 0;
    j["ebpfLoadFailed"] = status ? status->ebpfLoadFailed : 0;
    j["kernelErrorFilterFailed"] = status ? status->kernelErrorFilterFailed : 0;
+   j["vrfMapAddFailed"] = status ? status->vrfMapAddFailed : 0;
    j["families"] = nlohmann::json::object();
    for (AddressFamily af : {AddressFamily::ipv4, AddressFamily::ipv6}) {
       auto a = status ? status->afStatus.get(af) : nullptr;
       nlohmann::json f = {{"loaded", bool(a)}};
+      if (auto r = status ? status->loadRetry.find(af) : Status::LoadRetries::iterator();
+          status && r != status->loadRetry.end()) {
+         double in = std::max(0.0, r->second.nextAttempt - Scheduler::defaultScheduler().now());
+         f["loadError"] = r->second.error;
+         f["loadFailures"] = r->second.failures;
+         f["nextAttemptSeconds"] = std::round(in * 10) / 10;
+      }
       nlohmann::json counters = nlohmann::json::object();
       nlohmann::json vrfs = nlohmann::json::object();
       if (a) {
@@ -215,7 +226,9 @@ void ShowCallback::showErrors(int fd, bool json) {
                vc[toString(id)] = v->counter(id);
             }
             auto e = ebpf ? ebpf->entry.get(name) : nullptr;
-            vrfs[name.str()] = {{"nsInode", e ? e->nsInode : 0}, {"counters", vc}};
+            vrfs[name.str()] = {{"nsInode", e ? e->nsInode : 0},
+                                {"kernelErrorsDropped", v->kernelErrorsDropped},
+                                {"counters", vc}};
          }
       }
       f["counters"] = counters;
@@ -229,17 +242,23 @@ void ShowCallback::showErrors(int fd, bool json) {
    std::string out;
    for (auto& [af, f] : j["families"].items()) {
       out += fmt::format("{} program {}\n", af, f["loaded"].get<bool>() ? "loaded" : "not loaded");
+      if (f.contains("loadError"))
+         out += fmt::format("  load failed {} times in a row: {}; next attempt in {} s\n",
+                            f["loadFailures"].dump(), f["loadError"].get<std::string>(),
+                            f["nextAttemptSeconds"].dump());
       for (auto& [k, v] : f["counters"].items())
          out += fmt::format("  {} {}\n", k, v.dump());
       for (auto& [vrf, v] : f["vrfs"].items()) {
-         out += fmt::format("  vrf {} nsInode {}\n", vrf, v["nsInode"].dump());
+         out += fmt::format("  vrf {} nsInode {} kernel errors {}\n", vrf, v["nsInode"].dump(),
+                            v["kernelErrorsDropped"].get<bool>() ? "dropped" : "sent");
          for (auto& [k, n] : v["counters"].items())
             out += fmt::format("    {} {}\n", k, n.dump());
       }
    }
-   out += fmt::format("nsInodeConflict {}\nebpfLoadFailed {}\nkernelErrorFilterFailed {}\n",
-                      j["nsInodeConflict"].dump(), j["ebpfLoadFailed"].dump(),
-                      j["kernelErrorFilterFailed"].dump());
+   out += fmt::format(
+       "nsInodeConflict {}\nebpfLoadFailed {}\nkernelErrorFilterFailed {}\nvrfMapAddFailed {}\n",
+       j["nsInodeConflict"].dump(), j["ebpfLoadFailed"].dump(), j["kernelErrorFilterFailed"].dump(),
+       j["vrfMapAddFailed"].dump());
    writeAll(fd, out);
 }
 

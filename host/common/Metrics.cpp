@@ -46,6 +46,8 @@ const std::map<std::string_view, std::string_view> kHelp = {
     {"rfc792ErrorSent", "ICMP errors sent without extensions."},
     {"extendedErrorSent", "ICMP errors sent with RFC 4884/5837 extensions."},
     {"replySendFailed", "ICMP errors whose send failed."},
+    {"leftToKernel",
+     "ICMP errors left to the kernel (a source address the agent cannot send from)."},
 };
 
 // The PAM counters, in the order the dump prints them.

@@ -181,6 +181,7 @@ AF_STATS = """\
           rfc792ErrorSent->0
           extendedErrorSent->0
           replySendFailed->0
+          leftToKernel->0
 """
 
 # The default VRF enabled: both families' programs loaded through the one substitute loader

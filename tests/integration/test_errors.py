@@ -50,7 +50,7 @@ def test_enabling_and_removing_a_vrf_loads_and_unloads_both_programs(
         assert fam["vrfs"]["red"]["nsInode"] == red
         assert set(fam["vrfs"]["red"]["counters"]) == {
             "replyAttempted", "pamNotFound", "rfc792ErrorSent", "extendedErrorSent",
-            "replySendFailed"}
+            "replySendFailed", "leftToKernel"}
 
     r = d.ctl("clear", "counters")
     assert (r.returncode, r.stdout, r.stderr) == (0, "", "")

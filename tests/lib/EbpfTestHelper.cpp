@@ -43,9 +43,10 @@ class EbpfTestHelper : public EbpfHelperBase {
             ::close(fd);
       }
    }
-   void addToVrfMap(int32_t mapFd, NsInode nsInode) override {
+   bool addToVrfMap(int32_t mapFd, NsInode nsInode) override {
       RAVEL_ASSERT(mapFd > 0);
       maps_[mapFd].insert(nsInode);
+      return true;
    }
    void removeFromVrfMap(int32_t mapFd, NsInode nsInode) override {
       RAVEL_ASSERT(mapFd > 0);
@@ -53,6 +54,7 @@ class EbpfTestHelper : public EbpfHelperBase {
       maps_[mapFd].erase(nsInode);
    }
    void afterUnload() override {}
+   std::string lastLoadError() const override { return {}; }
    // The ring is an eventfd nobody writes: there is never a record to hand over.
    int consume(const EbpfInitParams&) override { return 0; }
    bool kernelStats(const EbpfInitParams&, EbpfKernelStats& out) const override {

@@ -45,9 +45,10 @@ class ScriptedRing : public EbpfHelperBase {
       return {};
    }
    void unloadProgram(const EbpfInitParams&) override {}
-   void addToVrfMap(int32_t, NsInode) override {}
+   bool addToVrfMap(int32_t, NsInode) override { return true; }
    void removeFromVrfMap(int32_t, NsInode) override {}
    void afterUnload() override {}
+   std::string lastLoadError() const override { return {}; }
 
  private:
    EbpfHandlerContext* ctx_;

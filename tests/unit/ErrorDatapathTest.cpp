@@ -86,7 +86,8 @@ struct DatapathWorld {
           {intfs, nullptr, kniDefault, ipStatus, ip6Status, ebpfConfig, em});
       for (auto af : {v4, v6}) {
          proc[idx(af)] = make<IcmpErrPktInfoProcessor>(IcmpErrPktInfoProcessorInputs{
-             af, helper, pams, config, vrfStatus[idx(af)], acl->of(af), stats, ebpfConfig});
+             af, helper, pams, config, vrfStatus[idx(af)], acl->of(af), stats, ebpfConfig,
+             [this](const VrfName& vrf) { lost.push_back(vrf); }});
          proc[idx(af)]->replyHandler()->hostNameIs("r1");
       }
    }
@@ -156,18 +157,22 @@ struct DatapathWorld {
    Ptr<FakePam> pam[2];
    Ptr<IntfLookupHelper> helper;
    Ptr<IcmpErrPktInfoProcessor> proc[2];
+   std::vector<VrfName> lost;  // VRFs whose records got no error from us
 };
 
 class ErrorDatapathTest : public ::testing::Test, public DatapathWorld {};
 
 // What the processor sends for one record, by family: nothing, a plain error or an extended one.
 TEST_F(ErrorDatapathTest, ProcessorDecidesTheReplyForm) {
-   enum Form { none, plain, extended };
+   // none: dropped before an attempt; unsent: attempted, not sent; kernels: the kernel's own
+   // error is left to go.
+   enum Form { none, unsent, kernels, plain, extended };
    struct Case {
       const char* what;
       std::function<void(DatapathWorld&, AddressFamily)> setup;
       uint32_t ifindex;
       Form form;
+      bool lost = false;  // the kernel's error may have been dropped: the guard is told
    };
    auto aclName = [](DatapathWorld& t, AddressFamily af, const char* n) {
       auto& vc = *t.config->vrfConfig.get("red");
@@ -205,9 +210,19 @@ TEST_F(ErrorDatapathTest, ProcessorDecidesTheReplyForm) {
         99, plain},
        {"namespace left the kernel filter",
         [](auto& t, auto af) { t.vrfStatus[DatapathWorld::idx(af)]->enabledInodeDel(kRedInode); },
-        kEth1, none},
+        kEth1, none, true},
        {"namespace no longer mapped to a VRF",
         [](auto& t, auto) { t.ebpfConfig->entryByInodeDel(kRedInode); }, kEth1, none},
+       {"no PAM",
+        [](auto& t, auto af) {
+           t.pams->pamDel({"red", af});
+        },
+        kEth1, unsent, true},
+       {"send fails",
+        [](auto& t, auto af) { t.pam[DatapathWorld::idx(af)]->nextTxErrno = ENETUNREACH; }, kEth1,
+        unsent, true},
+       {"the kernel's stand-in source (no address to send from)", [](auto&, auto) {}, kEth1,
+        kernels},
    };
    for (auto af : {v4, v6}) {
       for (auto& c : cases) {
@@ -215,15 +230,23 @@ TEST_F(ErrorDatapathTest, ProcessorDecidesTheReplyForm) {
          DatapathWorld t;
          c.setup(t, af);
          uint8_t type = af == v4 ? kIcmpTimeExceeded : kIcmp6TimeExceeded;
-         t.proc[idx(af)]->processPacketInfo(record(af, type, 0, 200, c.ifindex));
+         auto r = record(af, type, 0, 200, c.ifindex);
+         if (c.form == kernels) {
+            IpGenAddr stub = ip(af == v4 ? "192.0.0.8" : "::");
+            std::memcpy(&r.src_addr, stub.bytes().data(), stub.bytes().size());
+         }
+         t.proc[idx(af)]->processPacketInfo(r);
 
          EXPECT_EQ(t.afCounter(af, AfCounterId::nsValidationFailed), c.form == none ? 1u : 0u);
          EXPECT_EQ(t.afCounter(af, AfCounterId::pktInfoProcessed), c.form == none ? 0u : 1u);
-         EXPECT_EQ(t.vrfCounter(af, VrfCounterId::replyAttempted), c.form == none ? 0u : 1u);
+         EXPECT_EQ(t.vrfCounter(af, VrfCounterId::replyAttempted),
+                   c.form >= unsent && c.form != kernels);
+         EXPECT_EQ(t.vrfCounter(af, VrfCounterId::leftToKernel), uint64_t(c.form == kernels));
          EXPECT_EQ(t.vrfCounter(af, VrfCounterId::extendedErrorSent), uint64_t(c.form == extended));
          EXPECT_EQ(t.vrfCounter(af, VrfCounterId::rfc792ErrorSent), uint64_t(c.form == plain));
+         EXPECT_EQ(t.lost, c.lost ? std::vector<VrfName>{"red"} : std::vector<VrfName>{});
          EXPECT_TRUE(t.stats->pendingSync());
-         if (c.form == none) {
+         if (c.form < plain) {
             EXPECT_TRUE(t.pam[idx(af)]->tx.empty());
             continue;
          }

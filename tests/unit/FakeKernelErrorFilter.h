@@ -33,9 +33,9 @@ class FakeKernelErrorFilter final : public ErrorResponder::KernelErrorFilter {
       return true;
    }
 
-   std::map<VrfName, std::string> installed;                // VRF -> namespace path
-   std::map<VrfName, ErrorResponder::LiveFamilies> live;    // the last liveIs per VRF
-   std::set<VrfName> failing;                               // vrfIs and liveIs fail for these
+   std::map<VrfName, std::string> installed;              // VRF -> namespace path
+   std::map<VrfName, ErrorResponder::LiveFamilies> live;  // the last liveIs per VRF
+   std::set<VrfName> failing;                             // vrfIs and liveIs fail for these
    int calls = 0;
    int refreshes = 0;
 };
