@@ -84,15 +84,24 @@ bool KernelErrorGuardSm::familyLive(const VrfName& vrf, NsInode inode, AddressFa
 
 void KernelErrorGuardSm::handleVrf(const VrfName& vrf) {
    auto nsPath = wantedNsPath(vrf);
-   if (!nsPath) {
-      installFailedUntil_.erase(vrf);
-      remove(vrf);
-      return;
+   LiveFamilies live;
+   if (nsPath) {
+      NsInode inode = in_.ebpfConfig->entry.get(vrf)->nsInode;
+      live = {familyLive(vrf, inode, AddressFamily::ipv4),
+              familyLive(vrf, inode, AddressFamily::ipv6)};
    }
    auto it = vrfs_.find(vrf);
-   if (it != vrfs_.end() && it->second.nsPath != *nsPath) {
+   // A VRF has a table only while something in it is dropped: removing the table is the one
+   // step that certainly lets everything through.
+   if (!live.any() || (it != vrfs_.end() && it->second.nsPath != *nsPath)) {
       remove(vrf);
       it = vrfs_.end();
+      if (!nsPath)
+         installFailedUntil_.erase(vrf);
+      if (!live.any()) {
+         timerIs();
+         return;
+      }
    }
    if (it == vrfs_.end()) {
       auto failed = installFailedUntil_.find(vrf);
@@ -110,16 +119,10 @@ void KernelErrorGuardSm::handleVrf(const VrfName& vrf) {
       it = vrfs_.emplace(vrf, VrfState{*nsPath, {}}).first;
       timerIs();
    }
-   NsInode inode = in_.ebpfConfig->entry.get(vrf)->nsInode;
-   LiveFamilies live{familyLive(vrf, inode, AddressFamily::ipv4),
-                     familyLive(vrf, inode, AddressFamily::ipv6)};
-   // Nothing live stays nothing without telling the kernel again: its elements are gone.
-   if (!live.any() && !it->second.live.any())
-      return;
    if (live != it->second.live)
       TRACE(4, "vrf {}: kernel errors dropped for {}", vrf, liveText(live));
    if (!filter_->liveIs(vrf, live)) {
-      // The filter dropped its table; install it afresh later.
+      // The filter removed its table; install it afresh later.
       in_.status->kernelErrorFilterFailedInc();
       vrfs_.erase(it);
       publish(vrf, {});
@@ -161,7 +164,8 @@ void KernelErrorGuardSm::remove(const VrfName& vrf) {
 }
 
 void KernelErrorGuardSm::timerIs() {
-   if (!vrfs_.empty() || !installFailedUntil_.empty())
+   // Whatever is not live now may become so by time alone (a hold-off ending).
+   if (in_.config->suppressKernelErrors() && !in_.ebpfConfig->entry.empty())
       timer_.scheduleTaskDelay(kRefreshInterval);
 }
 

@@ -151,6 +151,7 @@ ERROR_IDLE = ROOT_INPUTS + """\
       default
         vrfConfig=null
         vrfStatusLocal null
+  kernelErrorGuard vrfs=0
   v4EbpfProgSm
     af=ipv4
     ebpfConfig=0xPTR
@@ -270,6 +271,7 @@ ERROR_DEFAULT_ENABLED = ROOT_INPUTS + """\
       default
         vrfConfig=0xPTR
         vrfStatusLocal null
+  kernelErrorGuard vrfs=0
   v4EbpfProgSm
     af=ipv4
     ebpfConfig=0xPTR

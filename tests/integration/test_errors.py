@@ -2,10 +2,14 @@
 import json
 import os
 import signal
+from pathlib import Path
 
 import pytest
 
 from conftest import RAVEL, sh, wait_for
+from topo import ROUTER4, ROUTER6, build_router
+
+ERRCLIENT = Path(__file__).resolve().parents[1] / "lib" / "errclient.py"
 
 pytestmark = pytest.mark.privileged
 
@@ -75,22 +79,44 @@ def kernel_has_kprobes():
     return os.path.exists("/sys/bus/event_source/devices/kprobe")
 
 
-def test_kernel_loader_reports_what_stops_it(namespaces, daemon_factory, workdir):
-    """The real loader with the default VRF enabled: on a kernel without kprobes both programs
-    load but cannot attach; each family says so once and the daemon goes on serving."""
+def test_without_kprobes_the_kernel_errors_go_on(namespaces, daemon_factory, workdir):
+    """The real loader with the default VRF enabled on a kernel without kprobes: both programs
+    load but cannot attach; each family says so and when it tries again, the daemon goes on
+    serving, no table drops anything, and forwarded and local traffic get the kernel's errors."""
     if kernel_has_kprobes():
         pytest.skip("this kernel attaches kprobes; the VM tier covers loading")
     cfg = workdir / "ravel.yaml"
     cfg.write_text("error-responder:\n  vrfs:\n    default:\n      enabled: true\n")
+    r, c = namespaces.make("r"), namespaces.make("c")
+    build_router(namespaces, r, c)
+    r.run("sysctl", "-qw", "net.ipv4.ip_forward=1", "net.ipv6.conf.all.forwarding=1")
+    r.run("ip", "link", "add", "d0", "type", "veth", "peer", "name", "d0p")
+    r.run("ip", "addr", "add", "198.18.0.1/24", "dev", "d0")
+    r.run("ip", "addr", "add", "2001:db8:ff::1/64", "dev", "d0", "nodad")
+    r.run("ip", "link", "set", "d0", "up")
+    r.run("ip", "link", "set", "d0p", "up")
+    c.run("ip", "route", "add", "default", "via", ROUTER4)
+    c.run("ip", "-6", "route", "add", "default", "via", ROUTER6)
     env = {k: v for k, v in os.environ.items() if k != "MOCK_EBPF_HELPER"}
-    d = daemon_factory(namespaces.make("h"), config=cfg)
+    d = daemon_factory(r, config=cfg)
     d.env = env | {"LUMENDIR": str(workdir)}
     d.start()
     assert wait_for(lambda: errors(d)["ebpfLoadFailed"] == 2, 5), d.output()
-    assert loaded(d) == (False, False)
+    e = errors(d)
+    for fam in ("ipv4", "ipv6"):
+        f = e["families"][fam]
+        assert not f["loaded"] and f["loadFailures"] == 1, e
+        assert "Failed to attach BPF skeleton" in f["loadError"], e
+        assert 0 < f["nextAttemptSeconds"] <= 5, e
     lines = [l for l in d.output().splitlines()
              if l.startswith("IcmpErrResponder: Failed to attach BPF skeleton - err ")]
     assert len(lines) == 2, d.output()
+    assert "table inet ravel" not in r.run("nft", "list", "tables").stdout
+    for kind, dest, ttl, from_ in (("udp", "198.18.0.2", 1, ROUTER4),
+                                   ("udp", "2001:db8:ff::2", 1, ROUTER6),
+                                   ("udp", ROUTER4, 64, ROUTER4), ("udp", ROUTER6, 64, ROUTER6)):
+        out = c.run("/usr/bin/python3", str(ERRCLIENT), kind, dest, "--ttl", str(ttl)).stdout
+        assert [x["from"] for x in json.loads(out)] == [from_], (dest, out)
     assert d.ctl("show", "status").returncode == 0
     assert d.stop() == 0
 

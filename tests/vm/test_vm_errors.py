@@ -19,7 +19,7 @@ pytestmark = pytest.mark.vm
 
 ROOT = Path(__file__).resolve().parents[2]
 BIN = Path(os.environ.get("RAVEL_BUILD", ROOT / "build")) / "bin"
-CLIENT = Path(__file__).resolve().parent / "errclient.py"
+CLIENT = Path(__file__).resolve().parents[1] / "lib" / "errclient.py"
 NODE_CLASS = 200
 NETS = {4: ("192.0.2", "198.51.100"), 6: ("2001:db8:1::", "2001:db8:2::")}
 
