@@ -15,10 +15,16 @@ std::string kniPath(const std::string& nsName) {
    return "kni/ns/" + nsName + "/status";
 }
 
-// RFC 4291 section 2.5.4: global unicast is everything outside the reserved prefixes; in
-// practice what is allocated is 2000::/3.
+// RFC 4291 section 2.4: global unicast is every address that is not unspecified, loopback,
+// multicast or link-local; unique local addresses (fc00::/7) included.
 bool isGlobalUnicast(const IpGenAddr& a) {
-   return a.isV6() && (a.bytes()[0] & 0xe0) == 0x20;
+   if (!a.isV6())
+      return false;
+   auto b = a.bytes();
+   bool linkLocal = b[0] == 0xfe && (b[1] & 0xc0) == 0x80;
+   bool unspecifiedOrLoopback =
+       std::all_of(b.begin(), b.end() - 1, [](uint8_t x) { return !x; }) && b[15] <= 1;
+   return !linkLocal && !unspecifiedOrLoopback && b[0] != 0xff;
 }
 
 bool isLinkLocal(const IpGenAddr& a) {

@@ -318,6 +318,8 @@ TEST_F(ErrorDatapathTest, NodeIdAddressPreference) {
 TEST_F(ErrorDatapathTest, InterfaceLookup) {
    addIntf("red", 8, "eth2", 9000);  // no IPv4 address, only link-local IPv6
    ip6Addrs(IntfId::forDevice("red", "eth2"), {"fe80::1", "fe80::2"});
+   addIntf("red", 9, "eth3", 1500);
+   ip6Addrs(IntfId::forDevice("red", "eth3"), {"fd88:1::1", "fe80::3"});
    addIntf("default", 3, "eth0", 1500);
    ipAddr(IntfId("eth0"), "198.18.0.1");
    struct Case {
@@ -332,6 +334,7 @@ TEST_F(ErrorDatapathTest, InterfaceLookup) {
    const Case cases[] = {
        {"highest global unicast", v6, kEth1, "red", true, "2001:db8::9", "red/eth1"},
        {"highest link-local without global", v6, 8, "red", true, "fe80::2", "red/eth2"},
+       {"a unique local address before link-local", v6, 9, "red", true, "fd88:1::1", "red/eth3"},
        {"IPv4 primary", v4, kEth1, "red", true, "192.0.2.1", "red/eth1"},
        {"IPv4 without address", v4, 8, "red", true, "0.0.0.0", "red/eth2"},
        {"default VRF uses the default namespace", v4, 3, "default", true, "198.18.0.1", "eth0"},
