@@ -38,6 +38,26 @@ struct NodeIdVrfConfig {
 };
 std::ostream& operator<<(std::ostream& os, const NodeIdVrfConfig& n);
 
+// The sub-objects an interface information object of one role carries (RFC 5837 section 4.1);
+// none: the role's object is left out.
+struct IntfDisclosure {
+   bool ifIndex = false;
+   bool address = false;
+   bool name = false;
+   bool mtu = false;
+   static IntfDisclosure all() { return {true, true, true, true}; }
+   bool any() const { return ifIndex || address || name || mtu; }
+   bool operator==(const IntfDisclosure&) const = default;
+};
+
+// What a VRF's errors tell, per role. The ACLs decide to whom; this decides what.
+struct Disclosure {
+   IntfDisclosure incoming = IntfDisclosure::all();
+   IntfDisclosure outgoing;
+   IntfDisclosure nextHop;  // the neighbour: its address only
+   bool operator==(const Disclosure&) const = default;
+};
+
 class VrfConfig : public Node {
  public:
    explicit VrfConfig(VrfName n) : vrfName(std::move(n)) {}
@@ -46,6 +66,7 @@ class VrfConfig : public Node {
    Attr<std::string> v4AclName;  // empty: no list
    Attr<std::string> v6AclName;
    Attr<NodeIdVrfConfig> nodeIdConfig;
+   Attr<Disclosure> disclosure;
 };
 
 // "icmp/errorResponder/config"

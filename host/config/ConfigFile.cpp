@@ -125,6 +125,19 @@ class Parser {
       return out;
    }
 
+   // A list's items; null is the empty list.
+   std::vector<Val> items(const Val& v, const char* what) {
+      if (!v.node.IsNull() && !v.node.IsSequence())
+         fail(v, fmt::format("expected a list of {}, got {}", what, describe(v.node)));
+      std::vector<Val> out;
+      size_t i = 0;
+      for (auto it = v.node.begin(); it != v.node.end(); ++it, ++i) {
+         YAML::Node x = *it;
+         out.push_back({x, x.IsNull() ? v.mark : x.Mark(), fmt::format("{}[{}]", v.key, i)});
+      }
+      return out;
+   }
+
    Fields fields(const Val& v, const std::set<std::string>& allowed) {
       Fields out;
       for (auto& e : entries(v)) {
@@ -257,15 +270,47 @@ class Parser {
       return static_cast<uint32_t>(*n);
    }
 
+   // Per role, the list of sub-objects its interface object carries.
+   ErrorResponder::Disclosure disclosure(const Val& n) {
+      ErrorResponder::Disclosure d;
+      auto f = fields(n, {"incoming", "outgoing", "next-hop"});
+      for (auto [role, out] :
+           {std::pair{"incoming", &d.incoming}, std::pair{"outgoing", &d.outgoing},
+            std::pair{"next-hop", &d.nextHop}}) {
+         auto v = field(f, role);
+         if (!v)
+            continue;
+         *out = {};
+         bool nextHop = out == &d.nextHop;
+         for (auto& item : items(*v, "sub-objects")) {
+            std::string what = text(item);
+            if (what == "address")
+               out->address = true;
+            else if (what == "ifindex" && !nextHop)
+               out->ifIndex = true;
+            else if (what == "name" && !nextHop)
+               out->name = true;
+            else if (what == "mtu" && !nextHop)
+               out->mtu = true;
+            else
+               fail(item, fmt::format("expected {}, got \"{}\"",
+                                      nextHop ? "address" : "ifindex, address, name or mtu", what));
+         }
+      }
+      return d;
+   }
+
    ErrorVrfSettings parseVrf(const Val& n) {
       ErrorVrfSettings s;
-      auto f = fields(n, {"enabled", "ipv4-acl", "ipv6-acl", "node-id"});
+      auto f = fields(n, {"enabled", "ipv4-acl", "ipv6-acl", "node-id", "interface-info"});
       if (auto v = field(f, "enabled"))
          s.enabled = triState(*v);
       if (auto v = field(f, "ipv4-acl"))
          s.ipv4Acl = aclRef(*v);
       if (auto v = field(f, "ipv6-acl"))
          s.ipv6Acl = aclRef(*v);
+      if (auto v = field(f, "interface-info"))
+         s.interfaceInfo = disclosure(*v);
       auto nodeId = field(f, "node-id");
       if (!nodeId)
          return s;
@@ -296,16 +341,9 @@ class Parser {
             const Val& rules = l.value;
             if (l.name.empty())
                fail(l.keyMark, rules.key, "empty ACL name");
-            if (!rules.node.IsNull() && !rules.node.IsSequence())
-               fail(rules, fmt::format("expected a list of rules, got {}", describe(rules.node)));
             AclList acl{l.name, af, {}};
-            size_t i = 0;
-            for (auto it = rules.node.begin(); it != rules.node.end(); ++it, ++i) {
-               YAML::Node r = *it;
-               acl.rules.push_back(parseRule(
-                   {r, r.IsNull() ? rules.mark : r.Mark(), fmt::format("{}[{}]", rules.key, i)},
-                   af));
-            }
+            for (auto& r : items(rules, "rules"))
+               acl.rules.push_back(parseRule(r, af));
             (*out)[l.name] = std::move(acl);
          }
       }
@@ -471,6 +509,19 @@ std::string renderConfig(const RavelConfig& c) {
       emitOptional(out, v.nodeId.ipv6.str());
       out << YAML::Key << "interface" << YAML::Value;
       emitOptional(out, v.nodeId.interface.str());
+      out << YAML::EndMap;
+      out << YAML::Key << "interface-info" << YAML::Value << YAML::Flow << YAML::BeginMap;
+      for (auto [role, d] : {std::pair{"incoming", v.interfaceInfo.incoming},
+                             std::pair{"outgoing", v.interfaceInfo.outgoing},
+                             std::pair{"next-hop", v.interfaceInfo.nextHop}}) {
+         out << YAML::Key << role << YAML::Value << YAML::Flow << YAML::BeginSeq;
+         for (auto [on, name] : {std::pair{d.ifIndex, "ifindex"}, std::pair{d.address, "address"},
+                                 std::pair{d.name, "name"}, std::pair{d.mtu, "mtu"}}) {
+            if (on)
+               out << name;
+         }
+         out << YAML::EndSeq;
+      }
       out << YAML::EndMap << YAML::EndMap;
    }
    out << YAML::EndMap << YAML::EndMap;

@@ -34,6 +34,7 @@ struct ErrorVrfSettings {
    std::string ipv4Acl;  // empty: none
    std::string ipv6Acl;
    ErrorResponder::NodeIdVrfConfig nodeId;
+   ErrorResponder::Disclosure interfaceInfo;
    bool operator==(const ErrorVrfSettings&) const = default;
 };
 

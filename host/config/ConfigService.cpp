@@ -116,6 +116,7 @@ void ConfigService::apply(const RavelConfig& c) {
       vc->v4AclName.set(v.ipv4Acl);
       vc->v6AclName.set(v.ipv6Acl);
       vc->nodeIdConfig.set(v.nodeId);
+      vc->disclosure.set(v.interfaceInfo);
       if (fresh)
          er.vrfConfig.is(name, vc);
    }

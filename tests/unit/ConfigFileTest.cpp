@@ -65,6 +65,12 @@ TEST(ConfigFileParse, GoodFiles) {
                {addr("192.0.2.1"), addr("2001:db8::1"), IntfId("red/eth0")}};
            c.errorResponder.vrfs["red"].nodeId.interface = IntfId("lo");
         }},
+       {"error-responder:\n  vrfs:\n    red:\n      interface-info:\n"
+        "        {incoming: [name], outgoing: [ifindex, address, mtu], next-hop: [address]}\n",
+        [](RavelConfig& c) {
+           c.errorResponder.vrfs["red"].interfaceInfo = {
+               {false, false, true, false}, {true, true, false, true}, {false, true, false, false}};
+        }},
        {"acls:\n  ipv4:\n    EDGE:\n"
         "      - { action: deny, source: 10.1.0.0/16, destination: 192.0.2.7, protocol: udp }\n"
         "      - { action: permit, source: 0.0.0.0/0, protocol: 50 }\n"
@@ -147,6 +153,12 @@ TEST(ConfigFileParse, BadFilesGiveFileLineAndKey) {
        {"error-responder:\n  vrfs:\n    red:\n      node-id: {interface: \"e 0\"}\n",
         "f.yaml:4: bad interface name \"e 0\": invalid character 0x20 in interface name (key "
         "error-responder.vrfs.red.node-id.interface)"},
+       {"error-responder:\n  vrfs:\n    red:\n      interface-info: {next-hop: [address, mtu]}\n",
+        "f.yaml:4: expected address, got \"mtu\" (key "
+        "error-responder.vrfs.red.interface-info.next-hop[1])"},
+       {"error-responder:\n  vrfs:\n    red:\n      interface-info: {incoming: name}\n",
+        "f.yaml:4: expected a list of sub-objects, got \"name\" (key "
+        "error-responder.vrfs.red.interface-info.incoming)"},
        {"acls:\n  ipv4:\n    \"\": []\n", "f.yaml:3: empty ACL name (key acls.ipv4.)"},
        {"acls:\n  ipv4:\n    A: {action: deny}\n",
         "f.yaml:3: expected a list of rules, got a map (key acls.ipv4.A)"},
@@ -218,6 +230,7 @@ error-responder:
       ipv4-acl: EDGE
       ipv6-acl: ~
       node-id: {ipv4: ~, ipv6: 2001:db8::1, interface: ~}
+      interface-info: {incoming: [ifindex, address, name, mtu], outgoing: [], next-hop: []}
 acls:
   ipv4:
     {}
