@@ -98,11 +98,16 @@ void roundTrip(FuzzedDataProvider& in) {
    s.code = in.ConsumeIntegral<uint8_t>();
    s.restOfHeader = in.ConsumeIntegral<uint32_t>();
    s.withExtensions = in.ConsumeBool();
-   s.intf.role = icmpErrorIntfRole(s.af, s.type, s.code);
-   s.intf.ifIndex = in.ConsumeIntegral<uint32_t>();
-   s.intf.addr = pickAddr(in);
-   s.intf.name = in.ConsumeRandomLengthString(100);
-   s.intf.mtu = in.ConsumeIntegral<uint32_t>();
+   for (uint8_t role = in.ConsumeIntegralInRange<uint8_t>(0, 3); role < 4;
+        role = in.ConsumeIntegralInRange<uint8_t>(role + 1, 4)) {
+      IcmpIntfInfoObject o;
+      o.role = static_cast<IcmpIntfRole>(role);
+      o.ifIndex = in.ConsumeIntegral<uint32_t>();
+      o.addr = pickAddr(in);
+      o.name = in.ConsumeRandomLengthString(100);
+      o.mtu = in.ConsumeIntegral<uint32_t>();
+      s.intfs.push_back(o);
+   }
    if (in.ConsumeBool()) {
       IcmpNodeIdObject n;
       n.classNum = in.ConsumeIntegralInRange<uint8_t>(3, 255);
@@ -127,11 +132,13 @@ void roundTrip(FuzzedDataProvider& in) {
    if (!s.withExtensions)
       return;
    check(p.quote.size() == kIcmpExtnQuoteLength, "padded quote");
-   check(p.intfs.size() == 1, "one interface object");
-   IcmpIntfInfoObject want = s.intf;
-   want.name = sentName(want.name);
-   want.addr = sentAddr(want.addr);
-   check(p.intfs[0] == want, "interface object");
+   check(p.intfs.size() == s.intfs.size(), "one object per role");
+   for (size_t i = 0; i < s.intfs.size() && i < p.intfs.size(); ++i) {
+      IcmpIntfInfoObject want = s.intfs[i];
+      want.name = sentName(want.name);
+      want.addr = sentAddr(want.addr);
+      check(p.intfs[i] == want, "interface object");
+   }
    check(p.node.has_value() == s.node.has_value(), "node object");
    if (s.node) {
       check(p.node->addr == sentAddr(s.node->addr), "node address");

@@ -51,7 +51,10 @@ size_t nodeObjLength(const IcmpNodeIdObject& o) {
 }
 
 size_t extnLength(const IcmpErrorSpec& s) {
-   return IcmpExtnHdr::kSize + intfObjLength(s.intf) + (s.node ? nodeObjLength(*s.node) : 0);
+   size_t n = IcmpExtnHdr::kSize + (s.node ? nodeObjLength(*s.node) : 0);
+   for (const auto& o : s.intfs)
+      n += intfObjLength(o);
+   return n;
 }
 
 size_t quoteLength(const IcmpErrorSpec& s) {
@@ -159,7 +162,9 @@ size_t buildIcmpError(const IcmpErrorSpec& spec, std::span<uint8_t> out) {
       else
          m[5] = kIcmpExtnQuoteLength / 4;
       m[kExtnAt] = 2 << 4;  // version 2
-      size_t p = putIntfObj(m, kExtnAt + IcmpExtnHdr::kSize, spec.intf);
+      size_t p = kExtnAt + IcmpExtnHdr::kSize;
+      for (const auto& o : spec.intfs)
+         p = putIntfObj(m, p, o);
       if (spec.node)
          p = putNodeObj(m, p, *spec.node);
       RAVEL_ASSERT(p == len);

@@ -73,7 +73,9 @@ struct IcmpErrorSpec {
    uint32_t restOfHeader = 0;
    std::span<const uint8_t> datagram;  // the offending packet from its IP header
    bool withExtensions = false;
-   IcmpIntfInfoObject intf;
+   // In the order sent: incoming, sub-IP, outgoing, next hop (RFC 5837 section 4.1), at most one
+   // of each role.
+   std::vector<IcmpIntfInfoObject> intfs;
    std::optional<IcmpNodeIdObject> node;  // class number 0 is not allowed
 };
 

@@ -57,18 +57,26 @@ IcmpErrorSpec IcmpErrReplyHandler::errorSpec(bool withExtensions) const {
       return s;
    const IcmpIntfInfo& i = metadata_.inIntfInfo;
    std::string host = metadata_.addHostName || metadata_.nodeIdCodePoint ? hostName() : "";
-   s.intf.role = icmpErrorIntfRole(af_, s.type, s.code);
-   s.intf.ifIndex = i.nosIfIndex;
-   s.intf.addr = i.intfAddr;
-   // The codec cuts names to the 63 octets RFC 5837 section 4.3 allows.
-   s.intf.name = metadata_.addHostName ? i.qualifiedIntfName(host) : i.intfId.str();
-   s.intf.mtu = i.intfMtu;
+   const IntfDisclosure& d = metadata_.disclosure.incoming;
+   if (d.any()) {
+      IcmpIntfInfoObject o;
+      o.role = icmpErrorIntfRole(af_, s.type, s.code);
+      o.ifIndex = d.ifIndex ? i.nosIfIndex : 0;
+      o.addr = d.address ? i.intfAddr : IpGenAddr();
+      // The codec cuts names to the 63 octets RFC 5837 section 4.3 allows.
+      if (d.name)
+         o.name = metadata_.addHostName ? i.qualifiedIntfName(host) : i.intfId.str();
+      o.mtu = d.mtu ? i.intfMtu : 0;
+      s.intfs.push_back(o);
+   }
    if (metadata_.nodeIdCodePoint != 0)
       s.node = IcmpNodeIdObject{metadata_.nodeIdCodePoint, metadata_.hostIdAddr, host};
+   // Nothing left to tell: a plain error.
+   s.withExtensions = !s.intfs.empty() || s.node;
    return s;
 }
 
-void IcmpErrReplyHandler::buildInto(size_t bufferSize, bool withExtensions) {
+bool IcmpErrReplyHandler::buildInto(size_t bufferSize, bool withExtensions) {
    TRACE(6, "icmpExt: {}", withExtensions);
    IcmpErrorSpec spec = errorSpec(withExtensions);
    if (af_ == AddressFamily::ipv4 && spec.code == kIcmpCodeFragNeeded)
@@ -78,14 +86,15 @@ void IcmpErrReplyHandler::buildInto(size_t bufferSize, bool withExtensions) {
    pkt_ = Pkt::create(bufferSize);
    pkt_->sizeIs(len);
    buildIcmpError(spec, pkt_->bytes());
+   return spec.withExtensions;
 }
 
-void IcmpErrV4ReplyHandler::createIcmpErrPacket(bool withExtensions) {
-   buildInto(kBufferSize, withExtensions);
+bool IcmpErrV4ReplyHandler::createIcmpErrPacket(bool withExtensions) {
+   return buildInto(kBufferSize, withExtensions);
 }
 
-void IcmpErrV6ReplyHandler::createIcmpErrPacket(bool withExtensions) {
-   buildInto(kBufferSize, withExtensions);
+bool IcmpErrV6ReplyHandler::createIcmpErrPacket(bool withExtensions) {
+   return buildInto(kBufferSize, withExtensions);
 }
 
 bool IcmpErrReplyHandler::send(bool withExtensions, const VrfName& vrfName) {

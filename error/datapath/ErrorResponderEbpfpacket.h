@@ -26,6 +26,7 @@ struct ReplyPktMetadata {
    bool addHostName = false;
    IpGenAddr hostIdAddr;         // node identification address; may be unspecified
    uint8_t nodeIdCodePoint = 0;  // 0: no node identification object
+   Disclosure disclosure;        // what the VRF's interface objects tell
    IpGenAddr dstReplyIp;
    IpGenAddr srcReplyIp;
    bool valid = false;  // the interface information was found
@@ -45,7 +46,8 @@ class IcmpErrReplyHandler : public Node {
    // The record must outlive the following create and send calls.
    virtual void setPacketContext(const packet_info& pktInfo, const ReplyPktMetadata& metadata,
                                  AddressFamily af);
-   virtual void createIcmpErrPacket(bool withExtensions) = 0;
+   // Whether the message built carries extensions: none when there is nothing to disclose.
+   virtual bool createIcmpErrPacket(bool withExtensions) = 0;
    virtual bool sendIcmpReply(bool withExtensions, const VrfName& vrfName) = 0;
 
    // What the built message says, the codec's input.
@@ -60,7 +62,7 @@ class IcmpErrReplyHandler : public Node {
    void hostNameIs(std::string n) { hostName_ = std::move(n); }
 
  protected:
-   void buildInto(size_t bufferSize, bool withExtensions);
+   bool buildInto(size_t bufferSize, bool withExtensions);
    bool send(bool withExtensions, const VrfName& vrfName);
 
    Ptr<PamCollection> pamCollection_;
@@ -76,7 +78,7 @@ class IcmpErrV4ReplyHandler : public IcmpErrReplyHandler {
  public:
    static constexpr size_t kBufferSize = 576;  // RFC 1812 section 4.3.2.3
    using IcmpErrReplyHandler::IcmpErrReplyHandler;
-   void createIcmpErrPacket(bool withExtensions) override;
+   bool createIcmpErrPacket(bool withExtensions) override;
    bool sendIcmpReply(bool withExtensions, const VrfName& vrfName) override;
 };
 
@@ -85,7 +87,7 @@ class IcmpErrV6ReplyHandler : public IcmpErrReplyHandler {
  public:
    static constexpr size_t kBufferSize = 1280;  // RFC 4443 section 2.4
    using IcmpErrReplyHandler::IcmpErrReplyHandler;
-   void createIcmpErrPacket(bool withExtensions) override;
+   bool createIcmpErrPacket(bool withExtensions) override;
    bool sendIcmpReply(bool withExtensions, const VrfName& vrfName) override;
 };
 

@@ -102,7 +102,7 @@ void IcmpErrPktInfoProcessor::processPacketInfo(const packet_info& pktInfo) {
       withExtensions = false;
    }
    replyHandler_->setPacketContext(pktInfo, metadata, in_.af);
-   replyHandler_->createIcmpErrPacket(withExtensions);
+   withExtensions = replyHandler_->createIcmpErrPacket(withExtensions);
    if (!replyHandler_->sendIcmpReply(withExtensions, vrf))
       lost(vrf);
    replyHandler_->pktDel();
@@ -162,6 +162,8 @@ ReplyPktMetadata IcmpErrPktInfoProcessor::fetchMetadata(const packet_info& pktIn
    IcmpIntfInfo intfInfo = in_.intfLookupHelper->icmpIntfInfo(in_.af, pktInfo.ifindex, vrfName);
    if (!intfInfo.isValid)
       return md;
+   if (auto vc = in_.config->vrfConfig.get(vrfName))
+      md.disclosure = vc->disclosure();
    md.addHostName = in_.config->addHostName();
    md.nodeIdCodePoint = in_.config->nodeIdCodePoint();
    md.hostIdAddr = hostAddr;

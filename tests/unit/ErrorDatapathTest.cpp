@@ -376,6 +376,7 @@ TEST_F(ErrorDatapathTest, ReplyHandlerBuildsTheMessage) {
       bool ext;
       std::vector<std::pair<size_t, uint8_t>> bytes;  // offset, value
       size_t length;
+      Disclosure disclosure = {};
    };
    // Interface object: 4 + ifIndex 4 + IPv4 address 8 + name "red/eth1" 12 + MTU 4 = 32.
    const Case cases[] = {
@@ -423,6 +424,17 @@ TEST_F(ErrorDatapathTest, ReplyHandlerBuildsTheMessage) {
         8 + 128 + 4 + 4 + 4 + 20 + 12 + 4},
        {"ICMPv6 address unreachable", v6, 1, 3, 0, 300, true, {{143, 0x8f}}, 184},
        {"ICMPv6 plain carries all 1024", v6, 1, 0, 0, 1024, false, {{4, 0}}, 8 + 1024},
+       {"only the name disclosed: its sub-object alone, C-Type says so",
+        v4,
+        11,
+        0,
+        0,
+        60,
+        true,
+        {{141, 16}, {143, 0x02}},
+        8 + 128 + 4 + 16,
+        {{false, false, true, false}, {}, {}}},
+       {"nothing to disclose: a plain error", v4, 11, 0, 0, 60, true, {{5, 0}}, 68, {{}, {}, {}}},
    };
    for (auto& c : cases) {
       SCOPED_TRACE(c.what);
@@ -430,8 +442,10 @@ TEST_F(ErrorDatapathTest, ReplyHandlerBuildsTheMessage) {
       r.hdr.icmp4.rest[2] = static_cast<uint8_t>(c.mtu >> 8);
       r.hdr.icmp4.rest[3] = static_cast<uint8_t>(c.mtu);
       auto& h = *proc[idx(c.af)]->replyHandler();
-      h.setPacketContext(r, proc[idx(c.af)]->fetchMetadata(r, "red"), c.af);
-      h.createIcmpErrPacket(c.ext);
+      auto md = proc[idx(c.af)]->fetchMetadata(r, "red");
+      md.disclosure = c.disclosure;
+      h.setPacketContext(r, md, c.af);
+      EXPECT_EQ(h.createIcmpErrPacket(c.ext), c.ext && c.disclosure.incoming.any());
       ASSERT_TRUE(h.pkt());
       auto b = h.pkt()->bytes();
       ASSERT_EQ(b.size(), c.length);
@@ -443,7 +457,7 @@ TEST_F(ErrorDatapathTest, ReplyHandlerBuildsTheMessage) {
       auto parsed = parseIcmpError(b, {c.af, 0, {}, {}});
       EXPECT_TRUE(parsed) << toString(parsed.error);
       if (parsed) {
-         EXPECT_EQ(parsed.msg->hasExtensions, c.ext);
+         EXPECT_EQ(parsed.msg->hasExtensions, c.ext && c.disclosure.incoming.any());
       }
       h.pktDel();
    }

@@ -253,7 +253,7 @@ IcmpErrorSpec specOf(const Golden& g, const Bytes& packet) {
    s.restOfHeader = g.restOfHeader;
    s.datagram = std::span(packet).first(g.datagramLength);
    s.withExtensions = g.withExtensions;
-   s.intf = g.intf;
+   s.intfs = {g.intf};
    s.node = g.node;
    return s;
 }
