@@ -2,27 +2,30 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <map>
-#include <memory>
 #include <string>
 
 #include "error/datapath/KernelErrorFilter.h"
-
-struct nft_ctx;
+#include "platform/core/Fd.h"
 
 namespace Ravel::ErrorResponder {
 
-// nftables table "ravel" (family inet, `flags owner`) per namespace. An owned table belongs to
-// the netlink socket that created it (kernel 5.12 and later): the kernel deletes it when that
+// nftables table "ravel" (family inet, `flags owner`) per namespace, built and refreshed over a
+// netfilter netlink socket of its own (libnftnl messages; no libnftables, whose select() aborts
+// past descriptor 1023 and which exits the process when nf_tables is missing). An owned table
+// belongs to the socket that created it (kernel 5.12 and later): the kernel deletes it when that
 // socket closes, so the table never outlives the agent, even one killed with SIGKILL. Each VRF
-// therefore keeps its libnftables context, and with it the socket, open while the filter lives.
+// therefore keeps its socket open while the filter lives.
 class NftKernelErrorFilter final : public KernelErrorFilter {
  public:
    static constexpr const char* kTableName = "ravel";
-   // The ruleset loaded into each namespace.
-   static std::string ruleset();
+   static constexpr const char* kLiveSet = "live";
+   // Opens a netfilter netlink socket in the calling thread's namespace; -1 and errno on failure.
+   // Tests hand in one that fails as a kernel without nf_tables does.
+   using SocketOpener = std::function<int()>;
 
-   NftKernelErrorFilter();
+   explicit NftKernelErrorFilter(SocketOpener opener = nullptr);
    ~NftKernelErrorFilter() override;
    bool vrfIs(const VrfName& vrf, const std::string& nsPath) override;
    void vrfDel(const VrfName& vrf) override;
@@ -31,16 +34,14 @@ class NftKernelErrorFilter final : public KernelErrorFilter {
    size_t vrfCount() const { return vrfs_.size(); }
 
  private:
-   struct CtxFree {
-      void operator()(nft_ctx* ctx) const;
-   };
-   using Ctx = std::unique_ptr<nft_ctx, CtxFree>;
    struct Installed {
       std::string nsPath;
-      ino_t nsId;
-      Ctx ctx;
+      ino_t nsId = 0;
+      Fd sock;  // owns the table
    };
+   SocketOpener opener_;
    std::map<VrfName, Installed> vrfs_;
+   uint32_t seq_ = 0;
 };
 
 }  // namespace Ravel::ErrorResponder

@@ -1,4 +1,5 @@
 // The nftables filter against the kernel's own ICMP errors, in namespaces the tests create.
+#include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sched.h>
 #include <signal.h>
@@ -13,6 +14,8 @@
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
+#include <tuple>
 #include <vector>
 
 #include "error/datapath/NftKernelErrorFilter.h"
@@ -130,42 +133,63 @@ TEST(NftKernelErrorFilter, KilledOwnerLeavesNoTable) {
    EXPECT_FALSE(hasTable(red));
 }
 
-// Sends to loopback in the calling thread's namespace a UDP datagram to a closed port (the kernel
-// answers with a port unreachable) and a crafted unreachable carrying the reply mark. Returns
-// how many unreachables arrived that were not ours, and whether ours arrived.
+// Two namespaces on a veth pair: `router` (10.77.0.1, fd77::1) holds the filter; `sender`
+// (10.77.0.2, fd77::2) sends a UDP datagram to a closed port of the router (the router's kernel
+// answers with a port unreachable) and the router sends a crafted unreachable carrying the
+// reply mark. Returns how many unreachables the sender got that were not ours, and whether ours
+// arrived.
 struct Seen {
    int kernelErrors = 0;
    bool markedArrived = false;
 };
 
-Seen exchange(bool v6) {
+struct Pair {
+   Pair() : router("r"), sender("s") {
+      sh("ip -n " + router.name + " link add v0 type veth peer name v1 netns " + sender.name);
+      for (auto [ns, dev, n] : {std::tuple{&router, "v0", 1}, std::tuple{&sender, "v1", 2}}) {
+         std::string ip = "ip -n " + ns->name + " ";
+         sh(ip + "addr add 10.77.0." + std::to_string(n) + "/24 dev " + dev);
+         sh(ip + "addr add fd77::" + std::to_string(n) + "/64 dev " + dev + " nodad");
+         sh(ip + "link set " + dev + " up");
+      }
+   }
+   ScopedNetns router, sender;
+};
+
+sockaddr_storage address(bool v6, int host, uint16_t port, socklen_t& len) {
+   sockaddr_storage a{};
+   if (v6) {
+      auto& s6 = reinterpret_cast<sockaddr_in6&>(a);
+      s6.sin6_family = AF_INET6;
+      ::inet_pton(AF_INET6, ("fd77::" + std::to_string(host)).c_str(), &s6.sin6_addr);
+      s6.sin6_port = htons(port);
+      len = sizeof s6;
+   } else {
+      auto& s4 = reinterpret_cast<sockaddr_in&>(a);
+      s4.sin_family = AF_INET;
+      ::inet_pton(AF_INET, ("10.77.0." + std::to_string(host)).c_str(), &s4.sin_addr);
+      s4.sin_port = htons(port);
+      len = sizeof s4;
+   }
+   return a;
+}
+
+Seen exchange(const Pair& p, bool v6) {
    Seen seen;
    int domain = v6 ? AF_INET6 : AF_INET;
    int proto = v6 ? int{IPPROTO_ICMPV6} : int{IPPROTO_ICMP};
    uint8_t unreach = v6 ? 1 : 3;
-   sockaddr_storage to{};
-   socklen_t toLen;
-   if (v6) {
-      auto& s6 = reinterpret_cast<sockaddr_in6&>(to);
-      s6.sin6_family = AF_INET6;
-      s6.sin6_addr = in6addr_loopback;
-      s6.sin6_port = htons(9);
-      toLen = sizeof s6;
-   } else {
-      auto& s4 = reinterpret_cast<sockaddr_in&>(to);
-      s4.sin_family = AF_INET;
-      s4.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-      s4.sin_port = htons(9);
-      toLen = sizeof s4;
-   }
-   Fd rx(::socket(domain, SOCK_RAW | SOCK_CLOEXEC, proto));
-   Fd tx(::socket(domain, SOCK_RAW | SOCK_CLOEXEC, proto));
-   Fd udp(::socket(domain, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-   if (rx.get() < 0 || tx.get() < 0 || udp.get() < 0) {
+   Fd rx, udp, tx;
+   inNamespace(p.sender.path, [&] {
+      rx.reset(::socket(domain, SOCK_RAW | SOCK_CLOEXEC, proto));
+      udp.reset(::socket(domain, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+   });
+   inNamespace(p.router.path, [&] { tx.reset(::socket(domain, SOCK_RAW | SOCK_CLOEXEC, proto)); });
+   if (!rx || !tx || !udp) {
       ADD_FAILURE() << "socket: " << std::strerror(errno);
       return seen;
    }
-   timeval limit{10, 0};  // only against a hang: every awaited packet is on loopback already
+   timeval limit{10, 0};  // only against a hang
    ::setsockopt(rx.get(), SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof limit);
    uint32_t mark = kReplyMark;
    EXPECT_EQ(::setsockopt(tx.get(), SOL_SOCKET, SO_MARK, &mark, sizeof mark), 0);
@@ -178,10 +202,10 @@ Seen exchange(bool v6) {
          icmp[2] = uint8_t(sum >> 8);
          icmp[3] = uint8_t(sum);
       }
-      sockaddr_storage dst = to;  // raw IPv6 sockets take the port for a protocol number
-      reinterpret_cast<sockaddr_in&>(dst).sin_port = 0;
+      socklen_t len;
+      sockaddr_storage dst = address(v6, 2, 0, len);
       EXPECT_EQ(
-          ::sendto(tx.get(), icmp.data(), icmp.size(), 0, reinterpret_cast<sockaddr*>(&dst), toLen),
+          ::sendto(tx.get(), icmp.data(), icmp.size(), 0, reinterpret_cast<sockaddr*>(&dst), len),
           ssize_t(icmp.size()));
    };
    // Reads until our own message `tag` arrives, counting the foreign unreachables before it.
@@ -208,29 +232,29 @@ Seen exchange(bool v6) {
    };
 
    const char payload[] = "closed port";
-   EXPECT_EQ(
-       ::sendto(udp.get(), payload, sizeof payload, 0, reinterpret_cast<sockaddr*>(&to), toLen),
-       ssize_t(sizeof payload));
+   socklen_t len;
+   sockaddr_storage to = address(v6, 1, 9, len);
+   EXPECT_EQ(::sendto(udp.get(), payload, sizeof payload, 0, reinterpret_cast<sockaddr*>(&to), len),
+             ssize_t(sizeof payload));
    sendMarked('1');
    awaitMarked('1');
-   // With the thread on one CPU, loopback delivers in order: the kernel's error, queued while
-   // the datagram was processed, precedes the second marked message.
+   // With the thread on one CPU, the veth pair delivers in order: the kernel's error, queued
+   // while the datagram was processed, precedes the second marked message.
    sendMarked('2');
    awaitMarked('2');
    return seen;
 }
 
-TEST(NftKernelErrorFilter, DropsOnlyUnmarkedErrors) {
+// The kernel's errors are dropped only for the families last said live, and only until the
+// liveness runs out; the agent's marked errors always pass.
+TEST(NftKernelErrorFilter, DropsOnlyWhileLive) {
+   enum Step { none, v4, v6, both, expired };
    struct Case {
-      const char* name;
-      bool v6;
-      bool installed;
+      Step step;
+      int kernelErrors4, kernelErrors6;
    };
    const Case cases[] = {
-       {"IPv4, no filter", false, false},
-       {"IPv4, filter", false, true},
-       {"IPv6, no filter", true, false},
-       {"IPv6, filter", true, true},
+       {none, 1, 1}, {v4, 0, 1}, {v6, 1, 0}, {both, 0, 0}, {expired, 1, 1},
    };
    cpu_set_t saved;
    ASSERT_EQ(::sched_getaffinity(0, sizeof saved, &saved), 0);
@@ -243,29 +267,57 @@ TEST(NftKernelErrorFilter, DropsOnlyUnmarkedErrors) {
       }
    }
    ASSERT_EQ(::sched_setaffinity(0, sizeof one, &one), 0);
+   Pair p;
+   NftKernelErrorFilter filter;
+   ASSERT_TRUE(filter.vrfIs("red", p.router.path));
    for (const auto& c : cases) {
-      SCOPED_TRACE(c.name);
-      ScopedNetns red("t");
-      sh("ip -n " + red.name + " addr add ::1/128 dev lo");  // for kernels that leave it out
-      NftKernelErrorFilter filter;
-      if (c.installed) {
-         ASSERT_TRUE(filter.vrfIs("red", red.path));
+      SCOPED_TRACE(int(c.step));
+      switch (c.step) {
+         case none:
+            break;
+         case v4:
+            ASSERT_TRUE(filter.liveIs("red", {true, false}));
+            break;
+         case v6:
+            ASSERT_TRUE(filter.liveIs("red", {false, true}));
+            break;
+         case both:
+            ASSERT_TRUE(filter.liveIs("red", {true, true}));
+            break;
+         case expired:
+            ASSERT_TRUE(filter.liveIs("red", {true, true}));
+            std::this_thread::sleep_for(KernelErrorFilter::kLiveTimeout + std::chrono::seconds(1));
+            break;
       }
-      Seen seen;
-      inNamespace(red.path, [&] { seen = exchange(c.v6); });
-      EXPECT_TRUE(seen.markedArrived);
-      EXPECT_EQ(seen.kernelErrors, c.installed ? 0 : 1);
-      if (c.installed) {
-         // The family's own rule took it.
-         std::string listing = table(red);
-         std::string rule = c.v6 ? "icmpv6 type" : "icmp type";
-         size_t at = listing.find(rule);
-         ASSERT_NE(at, std::string::npos) << listing;
-         std::string line = listing.substr(at, listing.find('\n', at) - at);
-         EXPECT_NE(line.find("counter packets 1 "), std::string::npos) << listing;
+      for (bool six : {false, true}) {
+         Seen seen = exchange(p, six);
+         EXPECT_TRUE(seen.markedArrived);
+         EXPECT_EQ(seen.kernelErrors, six ? c.kernelErrors6 : c.kernelErrors4)
+             << "IPv" << (six ? 6 : 4);
       }
    }
+   // Each drop counted by its family's rule: two steps dropped each family's error.
+   std::string listing = table(p.router);
+   for (const char* rule :
+        {"icmp type destination-unreachable", "icmpv6 type destination-unreachable"}) {
+      size_t at = listing.find(rule);
+      ASSERT_NE(at, std::string::npos) << listing;
+      std::string line = listing.substr(at, listing.find('\n', at) - at);
+      EXPECT_NE(line.find("counter packets 2 "), std::string::npos) << listing;
+   }
    ::sched_setaffinity(0, sizeof saved, &saved);
+}
+
+// No nf_tables: nothing installed, nothing dropped, and the caller goes on.
+TEST(NftKernelErrorFilter, WithoutNfTablesNothingIsInstalled) {
+   ScopedNetns red("n");
+   NftKernelErrorFilter filter([] {
+      errno = EPROTONOSUPPORT;
+      return -1;
+   });
+   EXPECT_FALSE(filter.vrfIs("red", red.path));
+   EXPECT_FALSE(filter.liveIs("red", {true, true}));
+   EXPECT_FALSE(hasTable(red));
 }
 
 }  // namespace
