@@ -44,6 +44,9 @@ struct packet_info {
    union packet_info_addr src_addr; /* the source the kernel chose for it */
    __u32 datalen;                   /* valid bytes in data */
    __u8 data[ICMP_DATA_MAX_SIZE];   /* the offending datagram from its IP header on */
+   __u32 iif;                       /* the device it arrived on */
+   __u32 oif;                       /* the device its route leads to; 0: none, or delivered here */
+   union packet_info_addr gateway;  /* that route's gateway; zero: on-link or none */
 };
 
 /* Indices of stats_map. */
@@ -58,7 +61,7 @@ enum EbpfStatsType {
 #define PACKET_INFO_ASSERT _Static_assert
 #endif
 
-PACKET_INFO_ASSERT(sizeof(struct packet_info) == 1076, "packet_info is 1076 bytes");
+PACKET_INFO_ASSERT(sizeof(struct packet_info) == 1100, "packet_info is 1100 bytes");
 PACKET_INFO_ASSERT(__builtin_offsetof(struct packet_info, ifindex) == 0, "ifindex at 0");
 PACKET_INFO_ASSERT(__builtin_offsetof(struct packet_info, nsindex) == 4, "nsindex at 4");
 PACKET_INFO_ASSERT(__builtin_offsetof(struct packet_info, hdr) == 8, "hdr at 8");
@@ -71,6 +74,9 @@ PACKET_INFO_ASSERT(__builtin_offsetof(struct packet_info, dst_addr) == 16, "dst_
 PACKET_INFO_ASSERT(__builtin_offsetof(struct packet_info, src_addr) == 32, "src_addr at 32");
 PACKET_INFO_ASSERT(__builtin_offsetof(struct packet_info, datalen) == 48, "datalen at 48");
 PACKET_INFO_ASSERT(__builtin_offsetof(struct packet_info, data) == 52, "data at 52");
+PACKET_INFO_ASSERT(__builtin_offsetof(struct packet_info, iif) == 1076, "iif at 1076");
+PACKET_INFO_ASSERT(__builtin_offsetof(struct packet_info, oif) == 1080, "oif at 1080");
+PACKET_INFO_ASSERT(__builtin_offsetof(struct packet_info, gateway) == 1084, "gateway at 1084");
 PACKET_INFO_ASSERT(sizeof(enum EbpfStatsType) == 4, "EbpfStatsType is 32 bits");
 
 #undef PACKET_INFO_ASSERT

@@ -5,22 +5,11 @@
 
 #define ICMP_DEST_UNREACH 3
 #define ICMP_TIME_EXCEEDED 11
-#define IPV4_MIN_HEADER 20
 
 /* Position of icmp_param among icmp_push_reply's arguments: 0 for (icmp_param, fl4, ipc, rt),
  * 1 where the kernel passes its ICMP socket first (sk, icmp_param, fl4, ipc, rt). Set by the
  * loader from the running kernel's BTF before load; the verifier drops the branch not taken. */
 const volatile __u32 icmp_param_arg = 0;
-
-/* Copies the quoted datagram; size is clamped here so that the verifier sees the bound. */
-static __always_inline void copy_datagram(struct packet_info* info, const unsigned char* src,
-                                          __s32 size) {
-   if (size <= 0)
-      return;
-   if (size > ICMP_DATA_MAX_SIZE)
-      size = ICMP_DATA_MAX_SIZE;
-   bpf_probe_read(info->data, size, src);
-}
 
 static __always_inline int report_icmp_error(struct icmp_bxm* icmp_param, struct flowi4* fl4,
                                              struct ipcm_cookie* cookie) {
@@ -30,43 +19,30 @@ static __always_inline int report_icmp_error(struct icmp_bxm* icmp_param, struct
 
    if (icmph.type != ICMP_DEST_UNREACH && icmph.type != ICMP_TIME_EXCEEDED)
       return 0;
+   if (left_to_kernel(skb))
+      return 0;
 
-   __u32 ifindex = BPF_CORE_READ(skb, dev, ifindex);
    __u32 nsid = get_nsid_skb(skb);
    if (!ns_enabled(nsid))
       return 0;
 
    struct packet_info* info = bpf_ringbuf_reserve(&ringbuf, sizeof(*info), 0);
    if (!info) {
-      bpf_printk("Unable to reserve size in ringbuf!\n");
       stats_inc(DROPPED);
       return 0;
    }
-   info->ifindex = ifindex;
+   info->ifindex = BPF_CORE_READ(skb, dev, ifindex);
    info->nsindex = nsid;
    __builtin_memcpy(&info->hdr.icmp4, &icmph, sizeof(info->hdr.icmp4));
 
-   /* Only the linear part is reachable through head; a fragmented skb may hold less of the
-    * datagram there than the kernel quotes. */
-   __s32 len = BPF_CORE_READ(icmp_param, data_len);
+   /* The kernel quotes data_len bytes from the network header (at most 576 - 28 of them). */
+   __u32 size = quote_length(skb, BPF_CORE_READ(icmp_param, data_len));
+   info->datalen = size;
    unsigned char* head = BPF_CORE_READ(skb, head);
    __u16 network_header = BPF_CORE_READ(skb, network_header);
-   __u32 skb_data_len = BPF_CORE_READ(skb, data_len);
-   __u32 skb_len = BPF_CORE_READ(skb, len);
-   __s32 size = 0;
-   if (skb_data_len > 0) {
-      __s32 head_data_sz = (__s32)(skb_len - skb_data_len) - (__s32)network_header;
-      if (head_data_sz < len)
-         len = head_data_sz;
-      if (len < IPV4_MIN_HEADER)
-         bpf_printk("Got a non linear skb with less than 20 bytes in head!\n");
-      else
-         size = len < ICMP_DATA_MAX_SIZE ? len : ICMP_DATA_MAX_SIZE;
-   } else if (len > 0) {
-      size = len < ICMP_DATA_MAX_SIZE ? len : ICMP_DATA_MAX_SIZE;
-   }
-   info->datalen = size;
-   copy_datagram(info, head + network_header, size);
+   if (size > 0 && size <= ICMP_DATA_MAX_SIZE)
+      bpf_probe_read_kernel(info->data, size, head + network_header);
+   read_route(skb, info, false);
 
    info->dst_addr.ip4 = BPF_CORE_READ(cookie, addr);
    info->src_addr.ip4 = BPF_CORE_READ(fl4, saddr);

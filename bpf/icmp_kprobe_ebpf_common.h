@@ -59,6 +59,55 @@ static __always_inline bool ns_enabled(__u32 nsid) {
    return bpf_map_lookup_elem(&namespace_filter_map, &key) != 0;
 }
 
+#define IFF_LOOPBACK 0x8
+
+/* Errors the agent leaves to the kernel, which its nftables filter never drops: about packets
+ * made here or looped back (they go to a local sender, outside the kernel's rate limits), and
+ * about packets of interfaces in a Linux VRF device (a VRF the agent does not route). */
+static __always_inline bool left_to_kernel(struct sk_buff* skb) {
+   struct net_device* dev = BPF_CORE_READ(skb, dev);
+   if (BPF_CORE_READ(skb, skb_iif) == 0 || !dev || (BPF_CORE_READ(dev, flags) & IFF_LOOPBACK))
+      return true;
+   __u64 priv = BPF_CORE_READ_BITFIELD_PROBED(dev, priv_flags);
+   __u64 l3mdev = bpf_core_enum_value(enum netdev_priv_flags, IFF_L3MDEV_MASTER) |
+                  bpf_core_enum_value(enum netdev_priv_flags, IFF_L3MDEV_SLAVE);
+   return (priv & l3mdev) != 0;
+}
+
+/* How much of the datagram the record carries: what the kernel quotes, at most what is readable
+ * from the network header in the linear part (the rest sits in page fragments), at most the
+ * record's room. */
+static __always_inline __u32 quote_length(struct sk_buff* skb, __s64 kernel_len) {
+   __s64 linear = (__s64)BPF_CORE_READ(skb, tail) - BPF_CORE_READ(skb, network_header);
+   __s64 n = kernel_len < linear ? kernel_len : linear;
+   if (n <= 0)
+      return 0;
+   return n < ICMP_DATA_MAX_SIZE ? (__u32)n : ICMP_DATA_MAX_SIZE;
+}
+
+/* The offending packet's arrival device, and where its route leads: the outgoing device and the
+ * gateway of a forwarded packet; nothing for one delivered here. */
+static __always_inline void read_route(struct sk_buff* skb, struct packet_info* info, bool v6) {
+   info->iif = BPF_CORE_READ(skb, skb_iif);
+   info->oif = 0;
+   __builtin_memset(&info->gateway, 0, sizeof(info->gateway));
+   struct dst_entry* dst = (struct dst_entry*)(BPF_CORE_READ(skb, _skb_refdst) & ~1UL);
+   if (!dst)
+      return;
+   struct net_device* out = BPF_CORE_READ(dst, dev);
+   if (!out || (BPF_CORE_READ(out, flags) & IFF_LOOPBACK))
+      return;
+   info->oif = BPF_CORE_READ(out, ifindex);
+   if (v6) {
+      if (bpf_core_field_exists(struct rt6_info, rt6i_gateway))
+         BPF_CORE_READ_INTO(&info->gateway.ip6, (struct rt6_info*)dst, rt6i_gateway);
+   } else if (bpf_core_field_exists(struct rtable, rt_gw4)) {
+      struct rtable* rt = (struct rtable*)dst;
+      if (BPF_CORE_READ(rt, rt_gw_family) == 2 /* AF_INET */)
+         info->gateway.ip4 = BPF_CORE_READ(rt, rt_gw4);
+   }
+}
+
 /* Probes run concurrently on every CPU, hence the atomic add. */
 static __always_inline void stats_inc(enum EbpfStatsType type) {
    __u32 key = type;

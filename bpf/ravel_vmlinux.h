@@ -75,9 +75,40 @@ typedef struct {
    struct net* net;
 } possible_net_t;
 
+/* Relocated by name: the values are the running kernel's. */
+enum netdev_priv_flags {
+   IFF_L3MDEV_MASTER = 1 << 18,
+   IFF_L3MDEV_SLAVE = 1 << 21,
+};
+
 struct net_device {
    int ifindex;
+   unsigned int flags;
+   unsigned long long priv_flags; /* a bitfield in later kernels: read it probed */
    possible_net_t nd_net;
+};
+
+struct dst_entry {
+   struct net_device* dev;
+};
+
+struct in6_addr {
+   __u8 s6_addr[16];
+};
+
+/* IPv4 route: the gateway, when rt_gw_family says there is one. */
+struct rtable {
+   struct dst_entry dst;
+   __u8 rt_gw_family;
+   union {
+      __be32 rt_gw4;
+      struct in6_addr rt_gw6;
+   };
+};
+
+struct rt6_info {
+   struct dst_entry dst;
+   struct in6_addr rt6i_gateway;
 };
 
 struct sock_common {
@@ -91,11 +122,14 @@ struct sock {
 struct sk_buff {
    struct net_device* dev;
    struct sock* sk;
+   unsigned long _skb_refdst; /* the route, with a flag in bit 0 */
    unsigned int len;
    unsigned int data_len;
+   int skb_iif; /* the device it arrived on; 0: made here */
    __u16 network_header;
    __u32 tail;
    unsigned char* head;
+   unsigned char* data;
 };
 
 struct icmphdr {
@@ -122,10 +156,6 @@ struct flowi4 {
 
 struct ipcm_cookie {
    __be32 addr;
-};
-
-struct in6_addr {
-   __u8 s6_addr[16];
 };
 
 union flowi_uli {

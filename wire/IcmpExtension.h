@@ -26,10 +26,11 @@ constexpr uint8_t kIcmp6CodeAddrUnreach = 3;
 
 constexpr uint8_t kIcmpExtnClassIntfInfo = 2;  // RFC 5837
 
-// Longest quote of a plain error: the message then fills the minimum MTU of its family
-// (576 bytes for IPv4 by RFC 1812 section 4.3.2.3, 1280 for IPv6 by RFC 4443 section 2.4).
-constexpr size_t kIcmpErrorMaxQuote = 568;
-constexpr size_t kIcmp6ErrorMaxQuote = 1272;
+// Longest quote of a plain error: the IP datagram carrying it then fills the minimum MTU of its
+// family (576 bytes for IPv4 by RFC 1812 section 4.3.2.3, 1280 for IPv6 by RFC 4443 section
+// 2.4), less the IP header (20, 40) and the ICMP header (8).
+constexpr size_t kIcmpErrorMaxQuote = 548;
+constexpr size_t kIcmp6ErrorMaxQuote = 1232;
 // With extensions the original datagram field is exactly this long (RFC 4884 section 5).
 constexpr size_t kIcmpExtnQuoteLength = 128;
 // RFC 5837 section 4.3: the name sub-object, length octet included, is at most 64 octets.

@@ -20,6 +20,7 @@
 #include "icmp6_kprobe_ebpf.skel.h"
 #include "icmp_kprobe_ebpf.skel.h"
 #include "platform/core/Assert.h"
+#include "platform/core/RateLimit.h"
 #include "platform/core/Trace.h"
 
 RAVEL_TRACE_CATEGORY("ErrorResponderEbpfHelper");
@@ -231,18 +232,19 @@ int handleEvent(AddressFamily af, const char* name, uint32_t minDataLen, void* c
    const Ptr<ErrorResponderStats>& stats = context->stats();
    const auto* record = static_cast<const packet_info*>(data);
    // A datalen past the data array would send the processor outside the record.
-   if (size < sizeof(packet_info) || record->datalen > ICMP_DATA_MAX_SIZE) {
-      std::fprintf(stderr, "%s Invalid data size\n", name);
-      TRACE(0, "Invalid data size");
-      stats->incrAfCounter(af, AfCounterId::invalidDataSize);
+   // Counted each; traced at a bounded rate, since traffic can make them at line rate.
+   static RateLimit rejected[2] = {RateLimit(10), RateLimit(10)};
+   auto reject = [&](AfCounterId id, const char* why) {
+      stats->incrAfCounter(af, id);
+      if (auto held = rejected[af == AddressFamily::ipv6 ? 1 : 0].allow(MonotonicClock().now()))
+         TRACE(1, "{} record rejected: {} (size {}, datalen {}); {} more since the last report",
+               name, why, size, size >= sizeof(packet_info) ? record->datalen : 0, *held);
       return 1;
-   }
-   if (record->datalen < minDataLen) {
-      std::fprintf(stderr, "%s Insufficient datalen: %u\n", name, record->datalen);
-      TRACE(0, "Insufficient datalen: {}", record->datalen);
-      stats->incrAfCounter(af, AfCounterId::insufficientDataLen);
-      return 1;
-   }
+   };
+   if (size < sizeof(packet_info) || record->datalen > ICMP_DATA_MAX_SIZE)
+      return reject(AfCounterId::invalidDataSize, "invalid data size");
+   if (record->datalen < minDataLen)
+      return reject(AfCounterId::insufficientDataLen, "insufficient data length");
    Ptr<EBPFIcmpPacketInfo> pktInfo = eBPFIcmpPacketInfoFactory(record);
    TRACE(7, "Enqueuing the pktInfo");
    stats->incrAfCounter(af, AfCounterId::pktInfoReceived);

@@ -8,6 +8,8 @@
 #include "platform/core/Assert.h"
 #include "platform/core/Trace.h"
 
+#include <cstring>
+
 RAVEL_TRACE_CATEGORY("ErrorResponderEbpfpacket");
 
 namespace Ravel::ErrorResponder {
@@ -104,7 +106,9 @@ bool IcmpErrReplyHandler::send(bool withExtensions, const VrfName& vrfName) {
    stats_->incrVrfCounter(af_, vrfName, VrfCounterId::replyAttempted);
    auto pam = pamCollection_->pamGet({vrfName, af_});
    if (!pam) {
-      TRACE(0, "ICMP reply sending failed because PAM not found");
+      if (auto held = failureReports_.allow(MonotonicClock().now()))
+         TRACE(1, "vrf {}: no {} PAM to send the error on; {} more failures since", vrfName, af_,
+               *held);
       stats_->incrVrfCounter(af_, vrfName, VrfCounterId::pamNotFound);
       return false;
    }
@@ -117,7 +121,9 @@ bool IcmpErrReplyHandler::send(bool withExtensions, const VrfName& vrfName) {
    pam->txIfIndexIs(isLinkLocalAddr(metadata_.dstReplyIp) ? pktInfo_->ifindex : 0);
    pam->txPktIs(pkt_);
    if (pam->txErrno() != 0) {
-      TRACE(0, "ICMP reply sending failed with err code: {}", pam->txErrno());
+      if (auto held = failureReports_.allow(MonotonicClock().now()))
+         TRACE(1, "vrf {}: sending the error to {} failed: {}; {} more failures since", vrfName,
+               metadata_.dstReplyIp, std::strerror(pam->txErrno()), *held);
       stats_->incrVrfCounter(af_, vrfName, VrfCounterId::replySendFailed);
       return false;
    }

@@ -12,6 +12,7 @@
 #include "error/ErrorResponderCounterSm.h"
 #include "error/datapath/InterfaceLookupHelper.h"
 #include "pam/PamRecords.h"
+#include "platform/core/RateLimit.h"
 #include "platform/values/Pkt.h"
 #include "wire/IcmpExtension.h"
 
@@ -70,6 +71,7 @@ class IcmpErrReplyHandler : public Node {
    const packet_info* pktInfo_ = nullptr;
    ReplyPktMetadata metadata_;
    AddressFamily af_ = AddressFamily::ipunknown;
+   RateLimit failureReports_{10};
    Ptr<Pkt> pkt_;
    std::optional<std::string> hostName_;
 };

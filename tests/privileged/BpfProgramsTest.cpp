@@ -103,46 +103,6 @@ bpf_map_info mapInfo(const bpf_map* map) {
    return info;
 }
 
-TEST_F(BpfPrograms, ObjectsDeclareTheirMapsAndProgram) {
-   struct MapSpec {
-      const char* name;
-      bpf_map_type type;
-      uint32_t maxEntries, keySize, valueSize;
-   };
-   for (const Variant& v : kVariants) {
-      SCOPED_TRACE(v.what);
-      auto s = v.open();
-      ASSERT_TRUE(s) << std::strerror(errno);
-      EXPECT_STREQ(s->name, v.object);
-      EXPECT_STREQ(bpf_program__name(s->prog), v.program);
-      EXPECT_STREQ(bpf_program__section_name(s->prog), v.section);
-      EXPECT_EQ(bpf_program__type(s->prog), BPF_PROG_TYPE_KPROBE);
-
-      // The loader's skeleton depends on this order.
-      const MapSpec expected[] = {
-          {"ringbuf", BPF_MAP_TYPE_RINGBUF, 262144, 0, 0},
-          {"namespace_filter_map", BPF_MAP_TYPE_HASH, 100, 8, 1},
-          {"stats_map", BPF_MAP_TYPE_ARRAY, 2, 4, 8},
-          {v.rodata, BPF_MAP_TYPE_ARRAY, 1, 4, 0},
-      };
-      size_t i = 0;
-      bpf_map* map;
-      bpf_object__for_each_map(map, s->obj) {
-         ASSERT_LT(i, std::size(expected));
-         const MapSpec& e = expected[i++];
-         EXPECT_STREQ(bpf_map__name(map), e.name);
-         EXPECT_EQ(bpf_map__type(map), e.type) << e.name;
-         EXPECT_EQ(bpf_map__max_entries(map), e.maxEntries) << e.name;
-         EXPECT_EQ(bpf_map__key_size(map), e.keySize) << e.name;
-         if (e.valueSize) {  // the read-only data's size is the object's business
-            EXPECT_EQ(bpf_map__value_size(map), e.valueSize) << e.name;
-         }
-      }
-      EXPECT_EQ(i, std::size(expected));
-   }
-}
-
-// Maps sized as the loader sizes them, loaded, and read back from the kernel.
 TEST_F(BpfPrograms, VerifierAcceptsEveryVariant) {
    const uint32_t ringSize = 1 << 20;
    const uint32_t filterSize = 7;

@@ -39,17 +39,18 @@ TEST(EbpfEvent, SizeAndDatalenDecideWhatIsProcessed) {
       int result;
       AfCounterId counted;
    };
+   constexpr size_t kSize = sizeof(packet_info);
    const Case cases[] = {
-       {AddressFamily::ipv4, 1075, 100, 1, AfCounterId::invalidDataSize},
+       {AddressFamily::ipv4, kSize - 1, 100, 1, AfCounterId::invalidDataSize},
        {AddressFamily::ipv4, 0, 100, 1, AfCounterId::invalidDataSize},
-       {AddressFamily::ipv4, 1076, 1025, 1, AfCounterId::invalidDataSize},
-       {AddressFamily::ipv4, 1076, 19, 1, AfCounterId::insufficientDataLen},
-       {AddressFamily::ipv4, 1076, 0, 1, AfCounterId::insufficientDataLen},
-       {AddressFamily::ipv4, 1076, 20, 0, AfCounterId::pktInfoReceived},
-       {AddressFamily::ipv4, 1076, 1024, 0, AfCounterId::pktInfoReceived},
-       {AddressFamily::ipv6, 1075, 100, 1, AfCounterId::invalidDataSize},
-       {AddressFamily::ipv6, 1076, 39, 1, AfCounterId::insufficientDataLen},
-       {AddressFamily::ipv6, 1076, 40, 0, AfCounterId::pktInfoReceived},
+       {AddressFamily::ipv4, kSize, 1025, 1, AfCounterId::invalidDataSize},
+       {AddressFamily::ipv4, kSize, 19, 1, AfCounterId::insufficientDataLen},
+       {AddressFamily::ipv4, kSize, 0, 1, AfCounterId::insufficientDataLen},
+       {AddressFamily::ipv4, kSize, 20, 0, AfCounterId::pktInfoReceived},
+       {AddressFamily::ipv4, kSize, 1024, 0, AfCounterId::pktInfoReceived},
+       {AddressFamily::ipv6, kSize - 1, 100, 1, AfCounterId::invalidDataSize},
+       {AddressFamily::ipv6, kSize, 39, 1, AfCounterId::insufficientDataLen},
+       {AddressFamily::ipv6, kSize, 40, 0, AfCounterId::pktInfoReceived},
    };
    for (const Case& c : cases) {
       SCOPED_TRACE(::testing::Message()

@@ -410,7 +410,7 @@ TEST_F(ErrorDatapathTest, ReplyHandlerBuildsTheMessage) {
         true,
         {{4, 0}, {5, 0x20}, {6, 5}, {7, 0x78}},
         172},
-       {"plain quote capped at 568", v4, 11, 0, 0, 1024, false, {{5, 0}}, 576},
+       {"plain quote capped: the datagram fits 576 bytes", v4, 11, 0, 0, 1024, false, {{5, 0}}, 556},
        {"plain quote shorter than 128", v4, 11, 0, 0, 40, false, {}, 48},
        {"ICMPv6 time exceeded",
         v6,

@@ -52,7 +52,7 @@ struct Golden {
    uint32_t restOfHeader;
    size_t datagramLength;  // bytes of the offending packet handed to the builder
    bool withExtensions;
-   IcmpIntfInfoObject intf;
+   std::vector<IcmpIntfInfoObject> intfs;
    std::optional<IcmpNodeIdObject> node;
    const char* head;  // ICMP header
    size_t quoted;     // bytes of the packet in the message, then zeros up to 128 with extensions
@@ -68,7 +68,7 @@ const std::vector<Golden>& goldens() {
         0xdeadbeef,
         60,
         true,
-        {IcmpIntfRole::incoming, 7, ip("192.0.2.1"), "Ethernet1", 1500},
+        {{IcmpIntfRole::incoming, 7, ip("192.0.2.1"), "Ethernet1", 1500}},
         std::nullopt,
         "0303664f00200000",
         60,
@@ -80,7 +80,7 @@ const std::vector<Golden>& goldens() {
         0x0,
         60,
         true,
-        {IcmpIntfRole::outgoing, 7, ip("192.0.2.1"), "Ethernet1", 1500},
+        {{IcmpIntfRole::outgoing, 7, ip("192.0.2.1"), "Ethernet1", 1500}},
         std::nullopt,
         "0301665100200000",
         60,
@@ -104,7 +104,7 @@ const std::vector<Golden>& goldens() {
         0xffff0578,
         128,
         true,
-        {IcmpIntfRole::incoming, 12, ip("10.1.2.3"), "Ethernet12", 1400},
+        {{IcmpIntfRole::incoming, 12, ip("10.1.2.3"), "Ethernet12", 1400}},
         std::nullopt,
         "0304c14700200578",
         128,
@@ -114,9 +114,9 @@ const std::vector<Golden>& goldens() {
         11,
         0,
         0x0,
-        568,
+        548,
         true,
-        {IcmpIntfRole::incoming, 7, ip("192.0.2.1"), "Ethernet1", 1500},
+        {{IcmpIntfRole::incoming, 7, ip("192.0.2.1"), "Ethernet1", 1500}},
         IcmpNodeIdObject{200, IpGenAddr(), "router1.example"},
         "0b00bec300200000",
         128,
@@ -129,7 +129,7 @@ const std::vector<Golden>& goldens() {
         0x0,
         1024,
         true,
-        {IcmpIntfRole::incoming, 4096, ip("203.0.113.254"), "Vlan100", 9000},
+        {{IcmpIntfRole::incoming, 4096, ip("203.0.113.254"), "Vlan100", 9000}},
         IcmpNodeIdObject{200, ip("198.51.100.1"), "r1"},
         "0b01bec200200000",
         128,
@@ -142,8 +142,8 @@ const std::vector<Golden>& goldens() {
         0x0,
         20,
         true,
-        {IcmpIntfRole::incoming, 1000001, ip("192.0.2.1"),
-         "Port-Channel1000.4094-xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx", 1500},
+        {{IcmpIntfRole::incoming, 1000001, ip("192.0.2.1"),
+          "Port-Channel1000.4094-xxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxxx", 1500}},
         IcmpNodeIdObject{
             133, IpGenAddr(),
             "spine-"
@@ -161,7 +161,7 @@ const std::vector<Golden>& goldens() {
         0x0,
         40,
         true,
-        {IcmpIntfRole::incoming, 0, IpGenAddr(), "", 0},
+        {{IcmpIntfRole::incoming, 0, IpGenAddr(), "", 0}},
         std::nullopt,
         "0b002c6600200000",
         40,
@@ -175,21 +175,49 @@ const std::vector<Golden>& goldens() {
         false,
         {},
         std::nullopt,
-        "0b00789900000000",
-        568,
+        "0b002d9400000000",
+        548,
         ""},
-       {"v4 plain 568",
+       {"v4 plain 548",
         AddressFamily::ipv4,
         3,
         3,
         0x0,
-        568,
+        548,
         false,
         {},
         std::nullopt,
-        "0303809600000000",
-        568,
+        "0303359100000000",
+        548,
         ""},
+       {"v4 incoming, outgoing and next hop",
+        AddressFamily::ipv4,
+        11,
+        0,
+        0x0,
+        100,
+        true,
+        {{IcmpIntfRole::incoming, 7, ip("192.0.2.1"), "Ethernet1", 1500},
+         {IcmpIntfRole::outgoing, 9, ip("198.51.100.1"), "Ethernet9", 1280},
+         {IcmpIntfRole::nextHop, 0, ip("198.51.100.2"), "", 0}},
+        std::nullopt,
+        "0b005bc300200000",
+        100,
+        "200025800020020f0000000700010000c00002010c45746865726e6574310000000005dc0020028f0000000900"
+        "010000c63364010c45746865726e657439000000000500000c02c400010000c6336402"},
+       {"v6 incoming name and MTU, outgoing ifIndex and MTU",
+        AddressFamily::ipv6,
+        3,
+        0,
+        0x0,
+        200,
+        true,
+        {{IcmpIntfRole::incoming, 0, IpGenAddr(), "Ethernet1", 1500},
+         {IcmpIntfRole::outgoing, 12, IpGenAddr(), "", 1280}},
+        std::nullopt,
+        "03007e5110000000",
+        128,
+        "200007b5001402030c45746865726e6574310000000005dc000c02890000000c00000500"},
        {"v6 time exceeded",
         AddressFamily::ipv6,
         3,
@@ -197,7 +225,7 @@ const std::vector<Golden>& goldens() {
         0x0,
         1024,
         true,
-        {IcmpIntfRole::incoming, 7, ip("2001:db8::5"), "Ethernet1", 9214},
+        {{IcmpIntfRole::incoming, 7, ip("2001:db8::5"), "Ethernet1", 9214}},
         IcmpNodeIdObject{201, ip("2001:db8::ff"), "router1"},
         "03007e2510000000",
         128,
@@ -210,7 +238,7 @@ const std::vector<Golden>& goldens() {
         0x0,
         128,
         true,
-        {IcmpIntfRole::outgoing, 33, ip("2001:db8:5::1"), "Ethernet2/1", 1500},
+        {{IcmpIntfRole::outgoing, 33, ip("2001:db8:5::1"), "Ethernet2/1", 1500}},
         std::nullopt,
         "0103804210000000",
         128,
@@ -223,7 +251,7 @@ const std::vector<Golden>& goldens() {
         0x0,
         48,
         true,
-        {IcmpIntfRole::incoming, 9, IpGenAddr(), "", 0},
+        {{IcmpIntfRole::incoming, 9, IpGenAddr(), "", 0}},
         std::nullopt,
         "0104626010000000",
         48,
@@ -240,7 +268,6 @@ const std::vector<Golden>& goldens() {
         "01042e5100000000",
         1024,
         ""},
-
    };
    return g;
 }
@@ -253,7 +280,7 @@ IcmpErrorSpec specOf(const Golden& g, const Bytes& packet) {
    s.restOfHeader = g.restOfHeader;
    s.datagram = std::span(packet).first(g.datagramLength);
    s.withExtensions = g.withExtensions;
-   s.intfs = {g.intf};
+   s.intfs = g.intfs;
    s.node = g.node;
    return s;
 }
@@ -310,10 +337,10 @@ TEST(IcmpExtension, ParsesGoldenMessages) {
          EXPECT_TRUE(p.intfs.empty());
          continue;
       }
-      IcmpIntfInfoObject want = g.intf;
-      want.name = want.name.substr(0, 63);
-      ASSERT_EQ(p.intfs.size(), 1u);
-      EXPECT_EQ(p.intfs[0], want);
+      std::vector<IcmpIntfInfoObject> want = g.intfs;
+      for (auto& o : want)
+         o.name = o.name.substr(0, 63);
+      EXPECT_EQ(p.intfs, want);
       ASSERT_EQ(p.node.has_value(), g.node.has_value());
       if (g.node) {
          EXPECT_EQ(p.node->classNum, g.node->classNum);
@@ -574,22 +601,33 @@ TEST(IcmpExtension, TsharkDecodesBuiltMessages) {
          continue;
       }
       EXPECT_EQ(field("icmp.ext.checksum.status"), "1");
+      // One value per object that has the field, in the order sent.
+      auto each = [&](auto value) {
+         std::string out;
+         for (const auto& o : g.intfs) {
+            std::string v = value(o);
+            if (!v.empty())
+               out += (out.empty() ? "" : ",") + v;
+         }
+         return out;
+      };
       Bytes extn = hex(g.extn);
-      std::string lengths = std::to_string(extn[4] << 8 | extn[5]);
-      std::string classes = "2";
-      if (g.node) {
-         size_t at = 4 + (extn[4] << 8 | extn[5]);
-         lengths += "," + std::to_string(extn[at] << 8 | extn[at + 1]);
-         classes += "," + std::to_string(g.node->classNum);
+      std::string lengths, classes;
+      for (size_t at = 4; at + 4 <= extn.size(); at += extn[at] << 8 | extn[at + 1]) {
+         lengths += (lengths.empty() ? "" : ",") + std::to_string(extn[at] << 8 | extn[at + 1]);
+         classes += (classes.empty() ? "" : ",") + std::to_string(extn[at + 2]);
       }
       EXPECT_EQ(field("icmp.ext.class"), classes);
       EXPECT_EQ(field("icmp.ext.length"), lengths);
-      EXPECT_EQ(field("icmp.int_info.role"), std::to_string(static_cast<int>(g.intf.role)));
-      EXPECT_EQ(field("icmp.int_info.index"), g.intf.ifIndex ? std::to_string(g.intf.ifIndex) : "");
-      std::string addr = g.intf.addr.isZero() ? "" : g.intf.addr.str();
-      EXPECT_EQ(field(g.af == v6 ? "icmp.int_info.ipv6" : "icmp.int_info.ipv4"), addr);
-      EXPECT_EQ(field("icmp.int_info.name"), g.intf.name.substr(0, 63));
-      EXPECT_EQ(field("icmp.int_info.mtu"), g.intf.mtu ? std::to_string(g.intf.mtu) : "");
+      EXPECT_EQ(field("icmp.int_info.role"),
+                each([](auto& o) { return std::to_string(static_cast<int>(o.role)); }));
+      EXPECT_EQ(field("icmp.int_info.index"),
+                each([](auto& o) { return o.ifIndex ? std::to_string(o.ifIndex) : ""; }));
+      EXPECT_EQ(field(g.af == v6 ? "icmp.int_info.ipv6" : "icmp.int_info.ipv4"),
+                each([](auto& o) { return o.addr.isZero() ? "" : o.addr.str(); }));
+      EXPECT_EQ(field("icmp.int_info.name"), each([](auto& o) { return o.name.substr(0, 63); }));
+      EXPECT_EQ(field("icmp.int_info.mtu"),
+                each([](auto& o) { return o.mtu ? std::to_string(o.mtu) : ""; }));
    }
 }
 

@@ -49,10 +49,10 @@ def build(c):
     if ext:
         quote = (dgram + bytes(128))[:128]
     else:
-        quote = dgram[:1272 if v6 else 568]
+        quote = dgram[:1232 if v6 else 548]
     extn = None
     if ext:
-        objs = bytes(intf_object(*c["intf"]))
+        objs = b"".join(bytes(intf_object(*i)) for i in intfs(c))
         if c.get("node"):
             objs += node_object(*c["node"])
         extn = Raw(structure(objs))
@@ -80,12 +80,16 @@ def cpp_addr(a):
     return f'ip("{a}")' if a else "IpGenAddr()"
 
 
-def cpp_intf(i):
-    if i is None:
-        return "{}"
-    role, ifindex, addr, name, mtu = i
+def intfs(c):
+    """A case's interface objects, in the order sent: one tuple or a list of them."""
+    i = c.get("intf")
+    return [] if i is None else i if isinstance(i, list) else [i]
+
+
+def cpp_intfs(c):
     roles = ["incoming", "subIp", "outgoing", "nextHop"]
-    return (f'{{IcmpIntfRole::{roles[role]}, {ifindex}, {cpp_addr(addr)}, "{name}", {mtu}}}')
+    return "{" + ", ".join(f'{{IcmpIntfRole::{roles[r]}, {x}, {cpp_addr(a)}, "{n}", {m}}}'
+                           for r, x, a, n, m in intfs(c)) + "}"
 
 
 def cpp_node(n):
@@ -107,7 +111,7 @@ CASES = [
     dict(name="v4 frag needed, plain", af="v4", type=3, code=4, rest=1400, quoted=20),
     dict(name="v4 frag needed", af="v4", type=3, code=4, rest=0xFFFF0578, quoted=128,
          intf=(0, 12, "10.1.2.3", "Ethernet12", 1400)),
-    dict(name="v4 node without address", af="v4", type=11, code=0, rest=0, quoted=568,
+    dict(name="v4 node without address", af="v4", type=11, code=0, rest=0, quoted=548,
          intf=ETH1, node=(200, None, "router1.example")),
     dict(name="v4 node with address", af="v4", type=11, code=1, rest=0, quoted=1024,
          intf=(0, 4096, "203.0.113.254", "Vlan100", 9000), node=(200, "198.51.100.1", "r1")),
@@ -116,7 +120,14 @@ CASES = [
     dict(name="v4 empty interface", af="v4", type=11, code=0, rest=0, quoted=40,
          intf=(0, 0, None, "", 0)),
     dict(name="v4 plain 1024", af="v4", type=11, code=0, rest=0, quoted=1024),
-    dict(name="v4 plain 568", af="v4", type=3, code=3, rest=0, quoted=568),
+    dict(name="v4 plain 548", af="v4", type=3, code=3, rest=0, quoted=548),
+    # Every role a forwarded packet's error can name: incoming, outgoing, then the next hop.
+    dict(name="v4 incoming, outgoing and next hop", af="v4", type=11, code=0, rest=0, quoted=100,
+         intf=[ETH1, (2, 9, "198.51.100.1", "Ethernet9", 1280), (3, 0, "198.51.100.2", "", 0)]),
+    # What a VRF discloses: name and MTU, or ifIndex and MTU, without the rest. (tshark 4.0
+    # shows a name sub-object only when an MTU follows it.)
+    dict(name="v6 incoming name and MTU, outgoing ifIndex and MTU", af="v6", type=3, code=0,
+         rest=0, quoted=200, intf=[(0, 0, None, "Ethernet1", 1500), (2, 12, None, "", 1280)]),
     dict(name="v6 time exceeded", af="v6", type=3, code=0, rest=0, quoted=1024,
          intf=(0, 7, "2001:db8::5", "Ethernet1", 9214), node=(201, "2001:db8::ff", "router1")),
     dict(name="v6 address unreachable: outgoing", af="v6", type=1, code=3, rest=0, quoted=128,
@@ -135,7 +146,7 @@ def main():
         af = "AddressFamily::ipv6" if c["af"] == "v6" else "AddressFamily::ipv4"
         ext = "true" if c.get("intf") else "false"
         print(f'{{"{c["name"]}", {af}, {c["type"]}, {c["code"]}, {c["rest"]:#x}, {c["quoted"]}, '
-              f'{ext}, {cpp_intf(c.get("intf"))}, {cpp_node(c.get("node"))}, '
+              f'{ext}, {cpp_intfs(c)}, {cpp_node(c.get("node"))}, '
               f'"{head.hex()}", {in_quote}, "{tail.hex()}"}},')
 
 
