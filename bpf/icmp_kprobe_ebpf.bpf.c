@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: GPL-2.0
-/* IPv4: reports the ICMP destination unreachable and time exceeded errors the kernel is about to
- * send from a namespace the agent has enabled, so that the agent can send its own extended one. */
+/* IPv4: reports the ICMP destination unreachable, time exceeded and parameter problem errors the
+ * kernel is about to send from a namespace the agent has enabled, so that the agent can send its
+ * own extended one. */
 #include "icmp_kprobe_ebpf_common.h"
 
 #define ICMP_DEST_UNREACH 3
 #define ICMP_TIME_EXCEEDED 11
+#define ICMP_PARAMETERPROB 12
 
 /* Position of icmp_param among icmp_push_reply's arguments: 0 for (icmp_param, fl4, ipc, rt),
  * 1 where the kernel passes its ICMP socket first (sk, icmp_param, fl4, ipc, rt). Set by the
@@ -17,7 +19,8 @@ static __always_inline int report_icmp_error(struct icmp_bxm* icmp_param, struct
    struct icmphdr icmph = {};
    BPF_CORE_READ_INTO(&icmph, icmp_param, data.icmph);
 
-   if (icmph.type != ICMP_DEST_UNREACH && icmph.type != ICMP_TIME_EXCEEDED)
+   if (icmph.type != ICMP_DEST_UNREACH && icmph.type != ICMP_TIME_EXCEEDED &&
+       icmph.type != ICMP_PARAMETERPROB)
       return 0;
    if (left_to_kernel(skb))
       return 0;

@@ -131,13 +131,6 @@ const char* toString(IcmpIntfRole role) {
    return "unknown";
 }
 
-IcmpIntfRole icmpErrorIntfRole(AddressFamily af, uint8_t type, uint8_t code) {
-   bool outgoing = af == AddressFamily::ipv6
-                       ? type == kIcmp6DestUnreach && code == kIcmp6CodeAddrUnreach
-                       : type == kIcmpDestUnreach && code == kIcmpCodeHostUnreach;
-   return outgoing ? IcmpIntfRole::outgoing : IcmpIntfRole::incoming;
-}
-
 size_t icmpErrorLength(const IcmpErrorSpec& spec) {
    return IcmpHdr::kSize + quoteLength(spec) + (spec.withExtensions ? extnLength(spec) : 0);
 }
@@ -152,6 +145,8 @@ size_t buildIcmpError(const IcmpErrorSpec& spec, std::span<uint8_t> out) {
    m[1] = spec.code;
    if (!v6 && spec.type == kIcmpDestUnreach && spec.code == kIcmpCodeFragNeeded)
       store16(m, 6, static_cast<uint16_t>(spec.restOfHeader));  // RFC 1191 next-hop MTU
+   if (!v6 && spec.type == kIcmpParamProblem)
+      m[4] = static_cast<uint8_t>(spec.restOfHeader >> 24);  // the pointer (RFC 792)
    size_t quote = std::min(spec.datagram.size(), quoteLength(spec));
    std::copy_n(spec.datagram.begin(), quote, m.begin() + kPayloadAt);
    if (spec.withExtensions) {

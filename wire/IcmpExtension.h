@@ -61,16 +61,13 @@ struct IcmpNodeIdObject {
    bool operator==(const IcmpNodeIdObject&) const = default;
 };
 
-// The interface an error names: outgoing for an IPv4 host unreachable and an ICMPv6 address
-// unreachable, where the failure lies past the router; incoming for every other error.
-IcmpIntfRole icmpErrorIntfRole(AddressFamily af, uint8_t type, uint8_t code);
-
 struct IcmpErrorSpec {
    AddressFamily af = AddressFamily::ipv4;
    uint8_t type = 0;
    uint8_t code = 0;
    // IPv4: the rest of header of the error being answered. Only the next-hop MTU (its low 16
-   // bits) of a code 4 error is kept; every other error gets a zero rest of header.
+   // bits) of a code 4 error and the pointer (its high 8 bits) of a parameter problem are kept;
+   // every other error gets a zero rest of header.
    uint32_t restOfHeader = 0;
    std::span<const uint8_t> datagram;  // the offending packet from its IP header
    bool withExtensions = false;

@@ -57,20 +57,25 @@ IcmpErrorSpec IcmpErrReplyHandler::errorSpec(bool withExtensions) const {
    s.withExtensions = withExtensions;
    if (!withExtensions)
       return s;
-   const IcmpIntfInfo& i = metadata_.inIntfInfo;
    std::string host = metadata_.addHostName || metadata_.nodeIdCodePoint ? hostName() : "";
-   const IntfDisclosure& d = metadata_.disclosure.incoming;
-   if (d.any()) {
+   const Disclosure& d = metadata_.disclosure;
+   for (auto [role, i, what] :
+        {std::tuple{IcmpIntfRole::incoming, &metadata_.inIntfInfo, &d.incoming},
+         std::tuple{IcmpIntfRole::outgoing, &metadata_.outIntfInfo, &d.outgoing}}) {
+      if (!i->isValid || !what->any())
+         continue;
       IcmpIntfInfoObject o;
-      o.role = icmpErrorIntfRole(af_, s.type, s.code);
-      o.ifIndex = d.ifIndex ? i.nosIfIndex : 0;
-      o.addr = d.address ? i.intfAddr : IpGenAddr();
+      o.role = role;
+      o.ifIndex = what->ifIndex ? i->nosIfIndex : 0;
+      o.addr = what->address ? i->intfAddr : IpGenAddr();
       // The codec cuts names to the 63 octets RFC 5837 section 4.3 allows.
-      if (d.name)
-         o.name = metadata_.addHostName ? i.qualifiedIntfName(host) : i.intfId.str();
-      o.mtu = d.mtu ? i.intfMtu : 0;
+      if (what->name)
+         o.name = metadata_.addHostName ? i->qualifiedIntfName(host) : i->intfId.str();
+      o.mtu = what->mtu ? i->intfMtu : 0;
       s.intfs.push_back(o);
    }
+   if (d.nextHop.address && metadata_.nextHop.af() == af_)
+      s.intfs.push_back({IcmpIntfRole::nextHop, 0, metadata_.nextHop, "", 0});
    if (metadata_.nodeIdCodePoint != 0)
       s.node = IcmpNodeIdObject{metadata_.nodeIdCodePoint, metadata_.hostIdAddr, host};
    // Nothing left to tell: a plain error.

@@ -24,6 +24,8 @@ constexpr int kErrorReplyTtl = 64;
 
 struct ReplyPktMetadata {
    IcmpIntfInfo inIntfInfo;
+   IcmpIntfInfo outIntfInfo;  // valid for a packet the router was forwarding
+   IpGenAddr nextHop;         // where it was forwarding it; unset when not
    bool addHostName = false;
    IpGenAddr hostIdAddr;         // node identification address; may be unspecified
    uint8_t nodeIdCodePoint = 0;  // 0: no node identification object

@@ -158,10 +158,16 @@ ReplyPktMetadata IcmpErrPktInfoProcessor::fetchMetadata(const packet_info& pktIn
    md.dstReplyIp = recordAddr(pktInfo.dst_addr, in_.af);
    md.srcReplyIp = recordAddr(pktInfo.src_addr, in_.af);
    IpGenAddr hostAddr = hostIdentifierAddress(vrfName);
-   TRACE(7, "Lookup interface details for ifindex: {}", pktInfo.ifindex);
-   IcmpIntfInfo intfInfo = in_.intfLookupHelper->icmpIntfInfo(in_.af, pktInfo.ifindex, vrfName);
+   // The arrival device when the kernel saw one; else the device the packet was on.
+   uint32_t in = pktInfo.iif ? pktInfo.iif : pktInfo.ifindex;
+   TRACE(7, "Lookup interface details for ifindex: {}", in);
+   IcmpIntfInfo intfInfo = in_.intfLookupHelper->icmpIntfInfo(in_.af, in, vrfName);
    if (!intfInfo.isValid)
       return md;
+   if (pktInfo.oif) {
+      md.outIntfInfo = in_.intfLookupHelper->icmpIntfInfo(in_.af, pktInfo.oif, vrfName);
+      md.nextHop = nextHop(pktInfo);
+   }
    if (auto vc = in_.config->vrfConfig.get(vrfName))
       md.disclosure = vc->disclosure();
    md.addHostName = in_.config->addHostName();
@@ -171,6 +177,19 @@ ReplyPktMetadata IcmpErrPktInfoProcessor::fetchMetadata(const packet_info& pktIn
    md.valid = true;
    TRACE(7, "fetchMetadata : {}", md);
    return md;
+}
+
+IpGenAddr IcmpErrPktInfoProcessor::nextHop(const packet_info& pktInfo) const {
+   IpGenAddr gw = recordAddr(pktInfo.gateway, in_.af);
+   if (!gw.isZero())
+      return gw;
+   // On-link: the packet's own destination, as its IP header says.
+   auto d = recordData(pktInfo);
+   size_t at = in_.af == AddressFamily::ipv4 ? 16 : 24,
+          len = in_.af == AddressFamily::ipv4 ? 4 : 16;
+   if (d.size() < at + len)
+      return {};
+   return *IpGenAddr::fromBytes(d.subspan(at, len));
 }
 
 IpGenAddr IcmpErrPktInfoProcessor::hostIdentifierAddress(const VrfName& vrfName) const {

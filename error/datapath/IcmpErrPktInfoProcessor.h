@@ -54,6 +54,8 @@ class IcmpErrPktInfoProcessor : public Node {
    }
    ReplyPktMetadata fetchMetadata(const packet_info& pktInfo, const VrfName& vrfName) const;
    IpGenAddr hostIdentifierAddress(const VrfName& vrfName) const;
+   // Where a forwarded packet was going: the route's gateway, else its own destination.
+   IpGenAddr nextHop(const packet_info& pktInfo) const;
    std::string dumpPacketInfo(const packet_info& pktInfo) const;
 
    AddressFamily af() const { return in_.af; }

@@ -39,8 +39,8 @@ class KernelErrorFilter {
    // Removes the VRF's filter, if any. Also due when the VRF's namespace is deleted: the open
    // socket would keep the namespace alive.
    virtual void vrfDel(const VrfName& vrf) = 0;
-   // For the next kLiveTimeout, drops in the VRF the locally generated destination-unreachable
-   // and time-exceeded errors of the families in `live` that lack kReplyMark, leave through a
+   // For the next kLiveTimeout, drops in the VRF the locally generated destination-unreachable,
+   // time-exceeded and (IPv4) parameter-problem errors of the families in `live` that lack kReplyMark, leave through a
    // device other than loopback and have a local source address; a family not in `live` is let
    // through at once. Returns false when the VRF has no filter or the kernel refused (traced);
    // nothing is dropped in the VRF then.

@@ -249,6 +249,7 @@ void buildTable(Batch& b) {
    addRule(b, vrfDeviceRule());
    addRule(b, dropRule(NFPROTO_IPV4, IPPROTO_ICMP, 3));    // destination unreachable
    addRule(b, dropRule(NFPROTO_IPV4, IPPROTO_ICMP, 11));   // time exceeded
+   addRule(b, dropRule(NFPROTO_IPV4, IPPROTO_ICMP, 12));   // parameter problem
    addRule(b, dropRule(NFPROTO_IPV6, IPPROTO_ICMPV6, 1));  // destination unreachable
    addRule(b, dropRule(NFPROTO_IPV6, IPPROTO_ICMPV6, 3));  // time exceeded
 }

@@ -60,6 +60,7 @@ def main():
         tx.connect_ex((a.dest, PORT))
     else:
         tx.sendto(payload, (a.dest, PORT if a.kind == "udp" else 0))
+    mine = struct.pack("!H", ident if a.kind == "icmp" else tx.getsockname()[1])
     found, end = [], time.monotonic() + a.wait
     while (left := end - time.monotonic()) > 0:
         if not select.select([rx], [], [], left)[0]:
@@ -70,9 +71,14 @@ def main():
             continue
         quote = icmp[8:]
         qdst = quote[16:20] if fam == 4 else quote[24:40]
-        if len(quote) >= (20 if fam == 4 else 40) and \
-                ipaddress.ip_address(bytes(qdst)) == ipaddress.ip_address(a.dest):
-            found.append({"from": peer[0], "icmp": icmp.hex()})
+        if len(quote) < (20 if fam == 4 else 40) or \
+                ipaddress.ip_address(bytes(qdst)) != ipaddress.ip_address(a.dest):
+            continue
+        # Ours, not an earlier packet's to the same place: the quoted source port or echo id.
+        l4 = quote[(quote[0] & 15) * 4:] if fam == 4 else quote[40:]
+        if len(l4) >= 6 and l4[(4 if a.kind == "icmp" else 0):][:2] != mine:
+            continue
+        found.append({"from": peer[0], "icmp": icmp.hex()})
     print(json.dumps(found))
 
 

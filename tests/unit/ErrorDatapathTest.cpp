@@ -377,6 +377,7 @@ TEST_F(ErrorDatapathTest, ReplyHandlerBuildsTheMessage) {
       std::vector<std::pair<size_t, uint8_t>> bytes;  // offset, value
       size_t length;
       Disclosure disclosure = {};
+      bool forwarded = false;  // the route led out of eth1, through 192.0.2.254
    };
    // Interface object: 4 + ifIndex 4 + IPv4 address 8 + name "red/eth1" 12 + MTU 4 = 32.
    const Case cases[] = {
@@ -399,7 +400,15 @@ TEST_F(ErrorDatapathTest, ReplyHandlerBuildsTheMessage) {
          {142, 2},
          {143, 0x0f}},
         8 + 128 + 4 + 32},
-       {"host unreachable names the outgoing interface", v4, 3, 1, 0, 60, true, {{143, 0x8f}}, 172},
+       {"host unreachable: the incoming interface by default",
+        v4,
+        3,
+        1,
+        0,
+        60,
+        true,
+        {{143, 0x0f}},
+        172},
        {"fragmentation needed", v4, 3, 4, 1400, 60, false, {{4, 0}, {5, 0}, {6, 5}, {7, 0x78}}, 68},
        {"fragmentation needed, extended",
         v4,
@@ -410,7 +419,15 @@ TEST_F(ErrorDatapathTest, ReplyHandlerBuildsTheMessage) {
         true,
         {{4, 0}, {5, 0x20}, {6, 5}, {7, 0x78}},
         172},
-       {"plain quote capped: the datagram fits 576 bytes", v4, 11, 0, 0, 1024, false, {{5, 0}}, 556},
+       {"plain quote capped: the datagram fits 576 bytes",
+        v4,
+        11,
+        0,
+        0,
+        1024,
+        false,
+        {{5, 0}},
+        556},
        {"plain quote shorter than 128", v4, 11, 0, 0, 40, false, {}, 48},
        {"ICMPv6 time exceeded",
         v6,
@@ -422,7 +439,7 @@ TEST_F(ErrorDatapathTest, ReplyHandlerBuildsTheMessage) {
         {{0, 3}, {1, 0}, {2, 0}, {3, 0}, {4, 16}, {5, 0}, {136, 0x20}, {143, 0x0f}},
         // IPv6 address sub-object: 4 + 16.
         8 + 128 + 4 + 4 + 4 + 20 + 12 + 4},
-       {"ICMPv6 address unreachable", v6, 1, 3, 0, 300, true, {{143, 0x8f}}, 184},
+       {"ICMPv6 address unreachable", v6, 1, 3, 0, 300, true, {{143, 0x0f}}, 184},
        {"ICMPv6 plain carries all 1024", v6, 1, 0, 0, 1024, false, {{4, 0}}, 8 + 1024},
        {"only the name disclosed: its sub-object alone, C-Type says so",
         v4,
@@ -435,6 +452,18 @@ TEST_F(ErrorDatapathTest, ReplyHandlerBuildsTheMessage) {
         8 + 128 + 4 + 16,
         {{false, false, true, false}, {}, {}}},
        {"nothing to disclose: a plain error", v4, 11, 0, 0, 60, true, {{5, 0}}, 68, {{}, {}, {}}},
+       // Incoming 32 bytes, outgoing 32, next hop 4 + address 8.
+       {"forwarded, every role disclosed: incoming, outgoing, next hop",
+        v4,
+        11,
+        0,
+        0,
+        60,
+        true,
+        {{143, 0x0f}, {175, 0x8f}, {207, 0xc4}, {212, 192}, {215, 254}},
+        8 + 128 + 4 + 32 + 32 + 12,
+        {IntfDisclosure::all(), IntfDisclosure::all(), {false, true, false, false}},
+        true},
    };
    for (auto& c : cases) {
       SCOPED_TRACE(c.what);
@@ -442,6 +471,10 @@ TEST_F(ErrorDatapathTest, ReplyHandlerBuildsTheMessage) {
       r.hdr.icmp4.rest[2] = static_cast<uint8_t>(c.mtu >> 8);
       r.hdr.icmp4.rest[3] = static_cast<uint8_t>(c.mtu);
       auto& h = *proc[idx(c.af)]->replyHandler();
+      if (c.forwarded) {
+         r.oif = kEth1;
+         r.gateway.ip4 = htonl(0xc00002fe);
+      }
       auto md = proc[idx(c.af)]->fetchMetadata(r, "red");
       md.disclosure = c.disclosure;
       h.setPacketContext(r, md, c.af);
@@ -543,7 +576,7 @@ TEST_F(ErrorDatapathTest, RecordViewOfTheLoader) {
    proc[0]->processPacketInfo(*v);
    auto m = reply(v4);
    ASSERT_EQ(m.intfs.size(), 1u);
-   EXPECT_EQ(m.intfs[0].role, IcmpIntfRole::outgoing);
+   EXPECT_EQ(m.intfs[0].ifIndex, kEth1);
 }
 
 }  // namespace

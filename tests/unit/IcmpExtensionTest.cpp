@@ -190,6 +190,18 @@ const std::vector<Golden>& goldens() {
         "0303359100000000",
         548,
         ""},
+       {"v4 parameter problem",
+        AddressFamily::ipv4,
+        12,
+        0,
+        0x14000000,
+        60,
+        true,
+        {{IcmpIntfRole::incoming, 7, ip("192.0.2.1"), "Ethernet1", 1500}},
+        std::nullopt,
+        "0c00495214200000",
+        60,
+        "20004d340020020f0000000700010000c00002010c45746865726e6574310000000005dc"},
        {"v4 incoming, outgoing and next hop",
         AddressFamily::ipv4,
         11,
@@ -348,34 +360,6 @@ TEST(IcmpExtension, ParsesGoldenMessages) {
          EXPECT_EQ(p.node->hostName, g.node->hostName.substr(0, 63));
       }
       EXPECT_TRUE(p.otherObjects.empty());
-   }
-}
-
-TEST(IcmpExtension, InterfaceRoleFollowsTheError) {
-   struct Case {
-      AddressFamily af;
-      uint8_t type, code;
-      IcmpIntfRole want;
-   };
-   const auto in = IcmpIntfRole::incoming, out = IcmpIntfRole::outgoing;
-   const Case cases[] = {
-       {v4, 3, 1, out},
-       {v4, 3, 0, in},
-       {v4, 3, 3, in},
-       {v4, 3, 4, in},
-       {v4, 11, 1, in},
-       {v4, 1, 3, in},  // ICMPv6's address unreachable numbers mean nothing in
-                        // ICMP
-       {v6, 1, 3, out},
-       {v6, 1, 0, in},
-       {v6, 1, 1, in},
-       {v6, 1, 4, in},
-       {v6, 3, 1, in},
-       {v6, 3, 3, in},
-   };
-   for (const auto& c : cases) {
-      EXPECT_EQ(icmpErrorIntfRole(c.af, c.type, c.code), c.want)
-          << toString(c.af) << " " << int(c.type) << "/" << int(c.code);
    }
 }
 

@@ -66,6 +66,8 @@ def build(c):
         f = dict(type=c["type"], code=c["code"], length=32 if ext else 0)
         if c["type"] == 3 and c["code"] == 4:
             f["nexthopmtu"] = c["rest"] & 0xFFFF
+        if c["type"] == 12:
+            f["ptr"] = c["rest"] >> 24
         icmp = ICMP(**f) / Raw(quote)
         if extn is not None:
             icmp = icmp / extn
@@ -121,6 +123,9 @@ CASES = [
          intf=(0, 0, None, "", 0)),
     dict(name="v4 plain 1024", af="v4", type=11, code=0, rest=0, quoted=1024),
     dict(name="v4 plain 548", af="v4", type=3, code=3, rest=0, quoted=548),
+    # RFC 4884 section 4.4: a parameter problem keeps its pointer beside the length.
+    dict(name="v4 parameter problem", af="v4", type=12, code=0, rest=0x14000000, quoted=60,
+         intf=ETH1),
     # Every role a forwarded packet's error can name: incoming, outgoing, then the next hop.
     dict(name="v4 incoming, outgoing and next hop", af="v4", type=11, code=0, rest=0, quoted=100,
          intf=[ETH1, (2, 9, "198.51.100.1", "Ethernet9", 1280), (3, 0, "198.51.100.2", "", 0)]),

@@ -28,11 +28,11 @@ class Topology:
     def __init__(self, net):
         self.sites = {v: Site(net, v) for v in ("default", "red")}
         r = self.router = self.sites["default"].router
-        # FRR-style VRF device in the router: blue holds bl (to bc) and br (to bs).
+        # FRR-style VRF device in the router: blue holds vb1 (to bc) and vb2 (to bs).
         self.bc, self.bs = net.ns("bc"), net.ns("bs")
         r.run("ip", "link", "add", "blue", "type", "vrf", "table", "10")
         r.run("ip", "link", "set", "blue", "up")
-        for host, dev, n in ((self.bc, "bl", 1), (self.bs, "br", 2)):
+        for host, dev, n in ((self.bc, "vb1", 1), (self.bs, "vb2", 2)):
             r.run("ip", "link", "add", dev, "type", "veth", "peer", "name", "eth0",
                   "netns", host.name)
             r.run("ip", "link", "set", dev, "master", "blue")
