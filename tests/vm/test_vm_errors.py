@@ -36,10 +36,13 @@ error-responder:
   vrfs:
     default:
       node-id: {{ ipv4: 203.0.113.7, ipv6: "2001:db8:ff::7" }}
+      interface-info: {{ outgoing: [ifindex, address, name, mtu], next-hop: [address] }}
     red:
       enabled: {{red}}
       ipv4-acl: RED4
       ipv6-acl: RED6
+      interface-info: {{ incoming: [{{red_incoming}}], outgoing: [ifindex, address, name, mtu],
+                         next-hop: [address] }}
 acls:
   ipv4:
     RED4: [ {{ action: deny, source: 192.0.2.3/32 }}, {{ action: permit }} ]
@@ -126,8 +129,9 @@ class Router:
         self.wait_for(lambda e: all(e["families"][f]["loaded"] and "red" in e["families"][f]["vrfs"]
                                     for f in ("ipv4", "ipv6")), "programs loaded for both VRFs")
 
-    def configure(self, red):
-        self.cfg.write_text(CONFIG.replace("{red}", str(red).lower()))
+    def configure(self, red, red_incoming="ifindex, address, name, mtu"):
+        self.cfg.write_text(CONFIG.replace("{red}", str(red).lower())
+                            .replace("{red_incoming}", red_incoming))
 
     def ctl(self, *args, check=True):
         return self.sites["default"].router.run(BIN / "ravelctl", "--socket", self.sock, *args,
@@ -183,20 +187,27 @@ HOST_UNREACH = {4: (3, 1), 6: (1, 3)}
 def test_each_error_is_one_extended_error_naming_the_interface(router, vrf, fam, case):
     site = router.sites[vrf]
     if case == "udp-hop":
-        found, want, dev = site.send("udp", addr(fam, 1, 2), ttl=1), TTL_EXCEEDED, "rl"
+        found, want = site.send("udp", addr(fam, 1, 2), ttl=1), TTL_EXCEEDED
     elif case == "icmp-hop":
-        found, want, dev = site.send("icmp", addr(fam, 1, 2), ttl=1), TTL_EXCEEDED, "rl"
+        found, want = site.send("icmp", addr(fam, 1, 2), ttl=1), TTL_EXCEEDED
     elif case == "port-unreachable":
-        found, want, dev = site.send("udp", addr(fam, 0, 1)), PORT_UNREACH, "rl"
+        found, want = site.send("udp", addr(fam, 0, 1)), PORT_UNREACH
     else:
-        found, want, dev = site.send("udp", addr(fam, 1, 99)), HOST_UNREACH, "rr"
+        found, want = site.send("udp", addr(fam, 1, 99)), HOST_UNREACH
     err = one_error(found, fam)
     assert (err["type"], err["code"]) == want[fam]
-    assert len(err["intfs"]) == 1, err
-    intf = err["intfs"][0]
-    assert intf == {"role": 2 if case == "host-unreachable" else 0,
-                    "ifIndex": site.ifindex[dev], "address": addr(fam, 0 if dev == "rl" else 1, 1),
-                    "name": dev if vrf == "default" else f"{vrf}/{dev}", "mtu": 1500}, err
+
+    def intf(role, dev):
+        return {"role": role, "ifIndex": site.ifindex[dev],
+                "address": addr(fam, 0 if dev == "rl" else 1, 1),
+                "name": dev if vrf == "default" else f"{vrf}/{dev}", "mtu": 1500}
+    # Incoming, then for a packet the router was forwarding the outgoing interface and the next
+    # hop (here the destination itself, on the outgoing link).
+    want_intfs = [intf(0, "rl")]
+    if case != "port-unreachable":
+        dest = addr(fam, 1, 99 if case == "host-unreachable" else 2)
+        want_intfs += [intf(2, "rr"), {"role": 3, "address": dest}]
+    assert err["intfs"] == want_intfs, err
     node = {"name": "ravel-vm"}
     if vrf == "default":
         node["address"] = "203.0.113.7" if fam == 4 else "2001:db8:ff::7"
@@ -247,6 +258,46 @@ def test_counters_add_up(router):
             assert c["replyAttempted"] == (c["rfc792ErrorSent"] + c["extendedErrorSent"]
                                            + c["pamNotFound"] + c["replySendFailed"]), (fam, vrf)
             assert c["extendedErrorSent"] > 0, (fam, vrf)
+
+
+def test_a_vrf_discloses_what_it_is_told(router):
+    """Turning the name off in red's incoming object removes that sub-object alone."""
+    red = router.sites["red"]
+    router.configure(red=True, red_incoming="ifindex, address, mtu")
+    router.daemon.send_signal(signal.SIGHUP)
+    try:
+        for fam in (4, 6):
+            def incoming():
+                err = one_error(red.send("udp", addr(fam, 1, 2), ttl=1), fam)
+                return err["intfs"][0]
+            got = incoming()
+            for _ in range(20):  # the reload is asynchronous
+                if "name" not in got:
+                    break
+                time.sleep(0.2)
+                got = incoming()
+            assert got == {"role": 0, "ifIndex": red.ifindex["rl"],
+                           "address": addr(fam, 0, 1), "mtu": 1500}, got
+    finally:
+        router.configure(red=True)
+        router.daemon.send_signal(signal.SIGHUP)
+
+
+def test_a_malformed_ip_option_gets_an_extended_parameter_problem(router):
+    site = router.sites["default"]
+    # A timestamp option whose pointer (1) is below its minimum (5): the router answers with a
+    # parameter problem pointing at it (byte 22 of the header).
+    script = ("from scapy.all import IP, UDP, IPOption, ICMP, raw, sr1\n"
+              f"p = IP(src='{addr(4, 0, 2)}', dst='{addr(4, 1, 2)}', "
+              "options=IPOption(bytes([0x44, 8, 1, 0, 0, 0, 0, 0]))) / UDP(dport=33434)\n"
+              "r = sr1(p, timeout=3, verbose=0)\n"
+              "print(raw(r[ICMP]).hex() if r is not None and ICMP in r else '')\n")
+    got = site.client.run("/usr/bin/python3", "-c", script).stdout.strip()
+    assert got, "no answer"
+    msg = bytes.fromhex(got)
+    err = parse_error(4, msg)
+    assert (err["type"], msg[4]) == (12, 22), got
+    assert err["intfs"] and err["intfs"][0]["name"] == "rl", err
 
 
 def ravel_table(ns):

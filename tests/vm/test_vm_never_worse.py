@@ -169,9 +169,12 @@ def test_a_full_ring_gives_back_the_kernels_errors_for_a_while(topo, ravel, fam)
         site.client.run("/usr/bin/python3", CLIENT, "udp", addr(fam, 1, 2), "--ttl", 1,
                         "--wait", 0)
     time.sleep(RECOVERY)
-    # Awake, the agent sees the drops first and holds the kernel's errors back no longer.
+    # Awake, the agent sees the drops first and holds the kernel's errors back no longer. It
+    # still answers what it takes from the ring, whose kernel copy may have been dropped: the
+    # sender may get Ravel's error too, after the kernel's.
     d.proc.send_signal(signal.SIGCONT)
-    assert plain(errors_for(site, fam), fam=fam)
+    errs = errors_for(site, fam)
+    assert errs and plain(errs[:1], fam=fam), errs
     assert eventually(lambda: extended(errors_for(site, fam), fam=fam), 10)
     assert d.errors()["families"][f"ipv{fam}"]["counters"]["ringBufDropped"] == 3
 
