@@ -1,13 +1,16 @@
 #!/usr/bin/python3
 """Error responder control at scale: N VRFs (default 1000), each with its namespace, enabled in
-one configuration file, with the substitute kernel-program loader (MOCK_EBPF_HELPER).
+one configuration file, with the substitute kernel-program loader (MOCK_EBPF_HELPER), or with
+the kernel programs themselves (--kernel; in the VM, where they attach).
 
 Measures the time from daemon start until all 2N+2 PAMs are open and all N namespaces are
-programmed in both families, the daemon's RSS and descriptor count then, and the time and RSS
+programmed in both families (with --kernel: until the kernel's errors are dropped in every VRF,
+each with its nftables table), the daemon's RSS and descriptor count then, and the time and RSS
 to remove them all again and to put them back, over ROUNDS rounds (default 10): the RSS after
 each removal must not grow. Needs root. Prints one JSON object.
 
-    bench/error_scale.py [N] [ROUNDS]
+    bench/error_scale.py [N] [ROUNDS] [--kernel]
+    tests/vm/run --timeout 900 -- /usr/bin/python3 bench/error_scale.py 1000 3 --kernel
 """
 import ctypes
 import json
@@ -54,6 +57,12 @@ def programmed(d):
     return min(len(f[af]["vrfs"]) if f[af]["loaded"] else 0 for af in ("ipv4", "ipv6"))
 
 
+def suppressed(d):
+    f = json.loads(ctl(d, "show", "errors", "--json"))["families"]
+    return min(sum(v.get("kernelErrorsDropped", False) for v in f[af]["vrfs"].values())
+               for af in ("ipv4", "ipv6"))
+
+
 def loaded(d):
     f = json.loads(ctl(d, "show", "errors", "--json"))["families"]
     return f["ipv4"]["loaded"] or f["ipv6"]["loaded"]
@@ -82,13 +91,17 @@ def fds(pid):
 def config(n, enabled):
     if not enabled:
         return "error-responder:\n  vrfs: {}\n"
-    return "error-responder:\n  vrfs:\n" + "".join(
+    return f"error-responder:\n  vrf-map-size: {max(n, 100)}\n  vrfs:\n" + "".join(
         f"    v{i}: {{enabled: true}}\n" for i in range(n))
 
 
 def main():
-    n = int(sys.argv[1]) if len(sys.argv) > 1 else 1000
-    rounds = int(sys.argv[2]) if len(sys.argv) > 2 else 10
+    kernel = "--kernel" in sys.argv
+    args = [a for a in sys.argv[1:] if a != "--kernel"]
+    n = int(args[0]) if args else 1000
+    rounds = int(args[1]) if len(args) > 1 else 10
+    # With the kernel programs, all is in place once every VRF's kernel errors are dropped.
+    ready = (lambda d: suppressed(d) == n) if kernel else (lambda d: programmed(d) == n)
     tag = f"rvb{os.getpid() % 100000}"
     spaces = Namespaces()
     work = Path(tempfile.mkdtemp(prefix="ravel-bench-"))
@@ -106,16 +119,17 @@ def main():
             bind(f"/run/netns/{tag}-{i}", netns_dir / f"ns-v{i}")
         cfg = work / "ravel.yaml"
         cfg.write_text(config(n, True))
-        d = Daemon(home, work, config=cfg, netns_dir=netns_dir,
-                   env={"MOCK_EBPF_HELPER": "1", "LUMEN_DISABLE": "1"})
+        env = {"LUMEN_DISABLE": "1"} if kernel else {"MOCK_EBPF_HELPER": "1", "LUMEN_DISABLE": "1"}
+        d = Daemon(home, work, config=cfg, netns_dir=netns_dir, env=env)
         t0 = time.monotonic()
         d.start(timeout=60)
         t_ready = time.monotonic()
         t_pams = wait(lambda: pams(d) == 2 * n + 2)
-        t_prog = wait(lambda: programmed(d) == n)
+        t_prog = wait(lambda: ready(d))
         pid = d.proc.pid
         out = {
             "vrfs": n,
+            "loader": "kernel" if kernel else "substitute",
             "startToReadySeconds": round(t_ready - t0, 3),
             "startToAllPamsSeconds": round(t_pams - t0, 3),
             "startToAllProgrammedSeconds": round(t_prog - t0, 3),
@@ -134,7 +148,7 @@ def main():
             cfg.write_text(config(n, True))
             t2 = time.monotonic()
             d.proc.send_signal(signal.SIGHUP)
-            wait(lambda: programmed(d) == n and pams(d) == 2 * n + 2)
+            wait(lambda: ready(d) and pams(d) == 2 * n + 2)
             t_added = time.monotonic()
             out["rounds"].append({
                 "removeSeconds": round(t_removed - t1, 3),
