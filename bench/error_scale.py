@@ -16,6 +16,7 @@ import ctypes
 import json
 import os
 import re
+import resource
 import signal
 import subprocess
 import sys
@@ -96,6 +97,9 @@ def config(n, enabled):
 
 
 def main():
+    # Five descriptors a VRF (two PAMs, two netlink sockets, the kernel error filter's): as the
+    # unit file does, give the daemon room for them.
+    resource.setrlimit(resource.RLIMIT_NOFILE, (65536, 65536))
     kernel = "--kernel" in sys.argv
     args = [a for a in sys.argv[1:] if a != "--kernel"]
     n = int(args[0]) if args else 1000
@@ -124,7 +128,11 @@ def main():
         t0 = time.monotonic()
         d.start(timeout=60)
         t_ready = time.monotonic()
-        t_pams = wait(lambda: pams(d) == 2 * n + 2)
+        try:
+            t_pams = wait(lambda: pams(d) == 2 * n + 2)
+        except (TimeoutError, subprocess.CalledProcessError):
+            print(d.output()[-3000:], file=sys.stderr)
+            raise
         t_prog = wait(lambda: ready(d))
         pid = d.proc.pid
         out = {

@@ -23,21 +23,4 @@ class EBPFIcmpPacketInfo : public EBPFIcmpPacketInfoBase {
 };
 Ptr<EBPFIcmpPacketInfo> eBPFIcmpPacketInfoFactory(const packet_info* record);
 
-// For tests: a record built by the test, with the interface index given separately.
-class EBPFIcmpPacketTestInfo : public EBPFIcmpPacketInfoBase {
- public:
-   explicit EBPFIcmpPacketTestInfo(uint32_t ifIndex) : ifIndex_(ifIndex) {}
-   void pktInfoIs(const packet_info* record) { pktInfo_ = record; }
-   // The record's address as a harness outside C++ hands it over.
-   void fillPktInfo_py(uint64_t address) {
-      pktInfo_ = reinterpret_cast<const packet_info*>(address);
-   }
-   uint32_t ifIndex() const override { return ifIndex_; }
-   const void* data() const override { return pktInfo_; }
-
- private:
-   uint32_t ifIndex_;
-   const packet_info* pktInfo_ = nullptr;
-};
-
 }  // namespace Ravel::ErrorResponder

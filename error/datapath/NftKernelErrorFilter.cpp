@@ -256,8 +256,9 @@ void buildTable(Batch& b) {
 
 }  // namespace
 
-NftKernelErrorFilter::NftKernelErrorFilter(SocketOpener opener)
-    : opener_(opener ? std::move(opener) : SocketOpener(openNetfilterSocket)) {}
+NftKernelErrorFilter::NftKernelErrorFilter(SocketOpener opener, Scheduler& scheduler)
+    : opener_(opener ? std::move(opener) : SocketOpener(openNetfilterSocket)),
+      closeTask_(scheduler, "KernelErrorFilterClose", 5, [this] { closeReleased(); }) {}
 
 NftKernelErrorFilter::~NftKernelErrorFilter() = default;
 
@@ -304,8 +305,23 @@ bool NftKernelErrorFilter::vrfIs(const VrfName& vrf, const std::string& nsPath) 
 }
 
 void NftKernelErrorFilter::vrfDel(const VrfName& vrf) {
-   if (vrfs_.erase(vrf) != 0)  // the kernel drops the table with its socket
-      TRACE(3, "VRF {}: kernel error filter removed", vrf.str());
+   auto it = vrfs_.find(vrf);
+   if (it == vrfs_.end())
+      return;
+   // Deleted at once, the socket closed later with the others removed meanwhile (see released_).
+   // Should the delete fail, the close still removes the table.
+   Batch b(seq_);
+   Table table(nftnl_table_alloc());
+   nftnl_table_set_str(table.get(), NFTNL_TABLE_NAME, kTableName);
+   nftnl_table_set_u32(table.get(), NFTNL_TABLE_FAMILY, NFPROTO_INET);
+   nftnl_table_nlmsg_build_payload(b.add(NFT_MSG_DELTABLE, 0), table.get());
+   b.next();
+   if (int err = b.run(it->second.sock.get()))
+      TRACE(1, "VRF {}: kernel error filter delete refused: {}", vrf.str(), std::strerror(err));
+   released_.push_back(std::move(it->second.sock));
+   vrfs_.erase(it);
+   closeTask_.scheduleTask();
+   TRACE(3, "VRF {}: kernel error filter removed", vrf.str());
 }
 
 bool NftKernelErrorFilter::liveIs(const VrfName& vrf, LiveFamilies live) {

@@ -5,9 +5,11 @@
 #include <functional>
 #include <map>
 #include <string>
+#include <vector>
 
 #include "error/datapath/KernelErrorFilter.h"
 #include "platform/core/Fd.h"
+#include "platform/core/Scheduler.h"
 
 namespace Ravel::ErrorResponder {
 
@@ -25,13 +27,16 @@ class NftKernelErrorFilter final : public KernelErrorFilter {
    // Tests hand in one that fails as a kernel without nf_tables does.
    using SocketOpener = std::function<int()>;
 
-   explicit NftKernelErrorFilter(SocketOpener opener = nullptr);
+   explicit NftKernelErrorFilter(SocketOpener opener = nullptr,
+                                 Scheduler& scheduler = Scheduler::defaultScheduler());
    ~NftKernelErrorFilter() override;
    bool vrfIs(const VrfName& vrf, const std::string& nsPath) override;
    void vrfDel(const VrfName& vrf) override;
    bool liveIs(const VrfName& vrf, LiveFamilies live) override;
 
    size_t vrfCount() const { return vrfs_.size(); }
+   // Closes the sockets of removed VRFs, as the task would.
+   void closeReleased() { released_.clear(); }
 
  private:
    struct Installed {
@@ -41,6 +46,10 @@ class NftKernelErrorFilter final : public KernelErrorFilter {
    };
    SocketOpener opener_;
    std::map<VrfName, Installed> vrfs_;
+   // Sockets of deleted tables, closed together: each close waits for the kernel to free the
+   // tables deleted before it, so a thousand closes one by one take seconds, together one wait.
+   std::vector<Fd> released_;
+   Task closeTask_;
    uint32_t seq_ = 0;
 };
 

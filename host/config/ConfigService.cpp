@@ -50,7 +50,7 @@ ConfigService::ConfigService(Scheduler& sched, Ptr<EntityManager> em, std::strin
    probe_ = mountAt<ProbeResponder::Config>(*em_, "icmp/probe/config");
    errorResponder_ = mountAt<ErrorResponder::Config>(*em_, "icmp/errorResponder/config");
    ebpf_ = mountAt<ErrorResponder::EbpfConfig>(*em_, "icmp/errorResponder/ebpfConfig");
-   aclCli_ = mountAt<AclConfig>(*em_, "acl/config/cli");
+   mountAt<AclConfig>(*em_, "acl/config/cli");  // present, and empty, for the agent to read
    aclInput_ = mountAt<AclInput>(*em_, "acl/config/input");
    apply(config_);
    if (!path_.empty())
@@ -88,10 +88,10 @@ bool ConfigService::reload() {
 // attributes already set. A feature being turned off is turned off before its settings change,
 // one being turned on after.
 void ConfigService::apply(const RavelConfig& c) {
-   for (AclConfig* acls : {aclCli_.get(), static_cast<AclConfig*>(aclInput_.get())}) {
-      upsertAcls(*acls->ipv4, c.ipv4Acls);
-      upsertAcls(*acls->ipv6, c.ipv6Acls);
-   }
+   // The file is the lists' input source; "acl/config/cli" is the operator's own, whose lists
+   // win over the file's of the same name, and nothing here writes it.
+   upsertAcls(*aclInput_->ipv4, c.ipv4Acls);
+   upsertAcls(*aclInput_->ipv6, c.ipv6Acls);
 
    const auto& e = c.errorResponder;
    ebpf_->ringBufSz.set(e.ringBufferSize);
@@ -134,10 +134,8 @@ void ConfigService::apply(const RavelConfig& c) {
    probe_->maxQueueLength.set(c.probe.maxQueueLength);
    probe_->enabled.set(c.probe.enabled);
 
-   for (AclConfig* acls : {aclCli_.get(), static_cast<AclConfig*>(aclInput_.get())}) {
-      deleteAcls(*acls->ipv4, c.ipv4Acls);
-      deleteAcls(*acls->ipv6, c.ipv6Acls);
-   }
+   deleteAcls(*aclInput_->ipv4, c.ipv4Acls);
+   deleteAcls(*aclInput_->ipv6, c.ipv6Acls);
 }
 
 // Editors replace files by renaming, so the directory is watched, not the file.

@@ -47,7 +47,6 @@ class ConfigService {
    Ptr<ProbeResponder::Config> probe_;
    Ptr<ErrorResponder::Config> errorResponder_;
    Ptr<ErrorResponder::EbpfConfig> ebpf_;
-   Ptr<AclConfig> aclCli_;
    Ptr<AclInput> aclInput_;
    std::unique_ptr<DirectoryWatch> watch_;
 };
