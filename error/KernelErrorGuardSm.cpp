@@ -32,7 +32,10 @@ KernelErrorGuardSm::KernelErrorGuardSm(KernelErrorGuardInputs inputs,
    suppressSub_ = in_.config->suppressKernelErrors.subscribe([this] { handleAll(); });
    pamSub_ = in_.pamCollection->pam.subscribe(
        [this](const VrfNameAndAddressFamily& k) { handleVrf(k.vrf); });
-   afStatusSub_ = in_.status->afStatus.subscribe([this](const AddressFamily&) { handleAll(); });
+   afStatusSub_ = in_.status->afStatus.subscribe([this](const AddressFamily& af) {
+      draining_[idx(af)] = drainState_(af).has_value();
+      handleAll();
+   });
    handleInitialized();
 }
 
@@ -48,6 +51,8 @@ KernelErrorGuardSm::~KernelErrorGuardSm() {
 
 void KernelErrorGuardSm::handleInitialized() {
    TRACE(3, "handleInitialized");
+   for (AddressFamily af : kFamilies)
+      draining_[idx(af)] = drainState_(af).has_value();
    handleAll();  // entries made before this machine
 }
 
@@ -77,7 +82,7 @@ std::optional<std::string> KernelErrorGuardSm::wantedNsPath(const VrfName& vrf) 
 bool KernelErrorGuardSm::familyLive(const VrfName& vrf, NsInode inode, AddressFamily af) const {
    Seconds now = scheduler_.now();
    auto held = heldUntil_.find({vrf, idx(af)});
-   return drainState_(af).has_value() && in_.vrfStatus[idx(af)]->enabledInodeHas(inode) &&
+   return draining_[idx(af)] && in_.vrfStatus[idx(af)]->enabledInodeHas(inode) &&
           in_.pamCollection->pamGet({vrf, af}) && now >= familyHeldUntil_[idx(af)] &&
           (held == heldUntil_.end() || now >= held->second);
 }
@@ -175,6 +180,7 @@ void KernelErrorGuardSm::tick() {
    for (AddressFamily af : kFamilies) {
       // A freshly loaded program and its counters start from zero.
       auto lost = drainState_(af);
+      draining_[idx(af)] = lost.has_value();
       auto& last = lost_[idx(af)];
       if (lost && *lost != last.value_or(0)) {
          TRACE(4, "{}: records lost; kernel errors flow for {} s", af, kHoldOff);

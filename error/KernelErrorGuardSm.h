@@ -85,6 +85,7 @@ class KernelErrorGuardSm : public Node {
    std::map<std::pair<VrfName, size_t>, Seconds> heldUntil_;
    std::array<Seconds, 2> familyHeldUntil_{};
    std::array<std::optional<uint64_t>, 2> lost_;
+   std::array<bool, 2> draining_{};  // as drainState_ said at the last look
    Subscription entrySub_;
    Subscription suppressSub_;
    Subscription pamSub_;
