@@ -6,6 +6,7 @@
 #include <map>
 #include <stdexcept>
 #include <string>
+#include <utility>
 
 #include "error/ErrorResponderSchema.h"
 #include "platform/store/Acl.h"
@@ -48,6 +49,10 @@ struct ErrorSettings {
    bool suppressKernelErrors = true;  // drop the kernel's own errors where ours are on
    bool operator==(const ErrorSettings&) const = default;
 };
+
+// ACL protocols that have a name in the file; the others are numbers.
+inline constexpr std::pair<const char*, uint8_t> kProtocolNames[] = {
+    {"icmp", 1}, {"tcp", 6}, {"udp", 17}, {"icmpv6", 58}};
 
 struct RavelConfig {
    ProbeSettings probe;
