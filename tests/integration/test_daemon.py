@@ -56,15 +56,12 @@ def test_default_vrf_pams_are_raw_sockets(namespaces, daemon_factory):
     assert len(raw) == 2, ss
 
 
-@pytest.mark.parametrize("text, message", [
-    ("probe:\n  enabled: yes please\n",
-     'ravel.yaml:2: expected a boolean, got "yes please" (key probe.enabled)'),
-    ("probe: {}\nextra: 1\n", 'ravel.yaml:2: unknown key "extra" (key extra)'),
-])
-def test_bad_configuration_stops_start_up_with_one_line(namespaces, workdir, text, message):
+def test_bad_configuration_stops_start_up_with_one_line(namespaces, workdir):
+    """The daemon's side of a bad file (the messages themselves are the parser's tests)."""
     ns = namespaces.make("c")
     cfg = workdir / "ravel.yaml"
-    cfg.write_text(text)
+    cfg.write_text("probe:\n  enabled: yes please\n")
+    message = 'ravel.yaml:2: expected a boolean, got "yes please" (key probe.enabled)'
     r = ns.run(RAVELCTL.parent / "ravel", "--socket", workdir / "s.sock", "--config", cfg,
                check=False, timeout=10)
     assert r.returncode == 2

@@ -121,26 +121,6 @@ def test_without_kprobes_the_kernel_errors_go_on(namespaces, daemon_factory, wor
     assert d.stop() == 0
 
 
-@pytest.mark.parametrize("text, message", [
-    ("error-responder:\n  vrfs:\n    " + "v" * 101 + ": {}\n",
-     "ravel.yaml:3: VRF name longer than 100 bytes (key error-responder.vrfs." + "v" * 101 + ")"),
-    ("error-responder:\n  node-id-code-point: 256\n",
-     "(key error-responder.node-id-code-point)"),
-    ("error-responder:\n  ring-buffer-size: lots\n",
-     "(key error-responder.ring-buffer-size)"),
-    ("error-responder:\n  vrfs:\n    red:\n      node-id: {ipv6: 192.0.2.1}\n",
-     "(key error-responder.vrfs.red.node-id.ipv6)"),
-])
-def test_bad_error_responder_configuration_stops_start_up(namespaces, workdir, text, message):
-    ns = namespaces.make("c")
-    cfg = workdir / "ravel.yaml"
-    cfg.write_text(text)
-    r = ns.run(RAVEL, "--socket", workdir / "s.sock", "--config", cfg, check=False, timeout=10)
-    assert r.returncode == 2
-    lines = r.stderr.strip().splitlines()
-    assert len(lines) == 1 and lines[0].endswith(message) and "ravel.yaml:" in lines[0], r.stderr
-
-
 def test_undefined_acl_name_is_accepted(namespaces, daemon_factory, workdir):
     cfg = workdir / "ravel.yaml"
     cfg.write_text("error-responder:\n  vrfs:\n    red:\n      ipv4-acl: NOT_YET\n")

@@ -48,7 +48,6 @@ def test_flood_is_dropped_and_counted(tmp_path):
         status = d.probe_status()["status"]
         print("flood:", status["requestsReceived"], "accepted,", status["queueTooLong"], "dropped")
         assert status["queueTooLong"] > 0
-        assert status["requestsReceived"] + status["queueTooLong"] <= 90000
         # Queues never hold more than the limit (+1), so memory does not follow the flood.
         assert rss_kib(d.proc.pid) - rss_before < 16 * 1024
         [r] = exchange(client, [{"af": 4, "dst": ROUTER4, "msg": msg, "id": 0x1111, "seq": 1}])

@@ -85,6 +85,8 @@ def build(case, ident, seq):
 def test_replies_codes_state_bits_and_counters(lab):
     d, router, client = lab["daemon"], lab["router"], lab["client"]
     idx_r0 = ifindex(router, "r0")
+    # What needs the real kernel: state bits from its links, ARP/ND entries, what a raw socket
+    # delivers. Parsing and policy cases are the unit tests'.
     cases = [
         # what, request, expected (code, byte 7) or None for no reply, counter that moves
         ("name up v4+v6", {"obj": {"name": "r0"}}, (0, 0x07), "responsesSent"),
@@ -92,28 +94,14 @@ def test_replies_codes_state_bits_and_counters(lab):
         ("name admin down", {"obj": {"name": "r2"}}, (0, 0x00), "responsesSent"),
         ("name up, no addresses", {"obj": {"name": "r1p"}}, (0, 0x04), "responsesSent"),
         ("ifindex", {"obj": {"index": idx_r0}}, (0, 0x07), "responsesSent"),
-        ("address v4", {"obj": {"addr": "198.51.100.1"}}, (0, 0x06), "responsesSent"),
         ("address v6 over v6", {"af": 6, "obj": {"addr": ROUTER6}}, (0, 0x07), "responsesSent"),
-        ("name over v6", {"af": 6, "obj": {"name": "r0"}}, (0, 0x07), "responsesSent"),
         ("other VRF's interface", {"obj": {"name": "blue/b0"}}, (2, 0), "wrongVrfRequested"),
-        ("unknown name", {"obj": {"name": "nope0"}}, (2, 0), "wrongVrfRequested"),
-        ("unknown ifindex", {"obj": {"index": 9999}}, (2, 0), "interfaceLookupFailed"),
-        ("other VRF's address", {"obj": {"addr": "10.9.9.9"}}, (2, 0), "interfaceLookupFailed"),
         ("remote, one match", {"local": False, "obj": {"addr": "192.0.2.77"}}, (0, 0x40), "responsesSent"),
-        ("remote, two matches", {"local": False, "obj": {"addr": "198.51.100.88"}}, (4, 0), "responsesSent"),
-        ("remote, no match", {"local": False, "obj": {"addr": "192.0.2.99"}}, (3, 0), "responsesSent"),
         ("remote v6, one match", {"af": 6, "local": False, "obj": {"addr": "2001:db8::77"}}, (0, 0x40), "responsesSent"),
-        ("remote by name", {"local": False, "obj": {"name": "r0"}}, (1, 0), "remoteRequestMalformed"),
-        ("object class 2", {"obj": {"name": "r0", "cls": 2}}, (1, 0), "badExtensionObject"),
-        ("object C-Type 9", {"obj": {"name": "r0", "ctype": 9}}, (1, 0), "badExtensionObject"),
         # Linux gives raw ICMP sockets nothing shorter than an 8-byte ICMP header; the shortest
         # request that arrives is a bare header (the extension summed to zero, so the ICMP
         # checksum still holds without it).
         ("no extension", {"obj": {"name": "r0"}, "cut": 8}, None, "pktTooShort"),
-        ("bad ICMP checksum", {"obj": {"name": "r0"}, "bad_icmp": True}, None, "incorrectIcmpChecksum"),
-        ("extension version 1", {"obj": {"name": "r0"}, "version": 1}, None, "badExtensionHeader"),
-        ("bad extension checksum", {"obj": {"name": "r0"}, "bad_ext": True}, None, "incorrectExtensionChecksum"),
-        ("object longer than packet", {"obj": {"name": "r0", "length": 40}}, None, "pktTooShort"),
     ]
     before = counters(d)
     requests, sent = [], []

@@ -142,61 +142,6 @@ TEST_F(AgentTest, MissingVrfTableStillGivesDefaultPams) {
    EXPECT_EQ(reg->commandType(), "dumpState");
 }
 
-TEST_F(AgentTest, DumpListsPamsAndTruncates) {
-   auto agent = start();
-   auto dump = agent->showAgentDebugCallbackIs();
-   std::string empty = reply(*dump, "DebugAgentState");
-   EXPECT_NE(empty.find("pams #0\n"), std::string::npos);
-   EXPECT_EQ(empty.find("truncated"), std::string::npos);
-
-   sched.runUntilIdle();
-   // Every counter distinct, so a field printed in the wrong place shows.
-   auto v4 = ptrCast<FakePam>(
-       agent->pamStatus()->pamCollection()->pamGet({VrfName::defaultVrf(), AddressFamily::ipv4}));
-   ASSERT_TRUE(v4);
-   v4->nextTxErrno = EINVAL;
-   v4->txPktIs(Pkt::fromBytes(std::vector<uint8_t>(8, 0)));
-   v4->countersIs({.txPkts = 1,
-                   .txBytes = 2,
-                   .txDrops = 3,
-                   .txErrors = 4,
-                   .rxPkts = 5,
-                   .rxBytes = 6,
-                   .rxDrops = 7,
-                   .rxErrors = 8});
-   std::string two = reply(*dump, "DebugAgentState");
-   EXPECT_NE(two.find("pams #2\npam default ipv4\n    IpPam enabled 1 protocol 1 netNs default\n"
-                      "    tx 1 pkts 2 bytes 3 drops 4 errors errno=22\n"
-                      "    rx 5 pkts 6 bytes 7 drops 8 errors\n"),
-             std::string::npos)
-       << two;
-
-   // More PAMs than the entry limit: both truncation lines, and only the first entries.
-   auto& pams = *agent->pamStatus()->pamCollection();
-   for (int i = 0; i < 120; ++i) {
-      VrfName v("v" + std::to_string(1000 + i));
-      pams.pamIs({v, AddressFamily::ipv4},
-                 make<testing::FakePam>("x", AddressFamily::ipv4, 1, "ns-" + v.str()));
-   }
-   std::string big = reply(*dump, "DebugAgentState");
-   EXPECT_NE(big.find("-- The following list will be truncated, use verbose option to display "
-                      "all 122 entries --\n"),
-             std::string::npos);
-   EXPECT_NE(big.find("-- This list has been truncated, use verbose option to display all 122 "
-                      "entries --\n"),
-             std::string::npos);
-   auto count = [](const std::string& s) {
-      size_t n = 0;
-      for (size_t p = 0; (p = s.find("\npam ", p)) != std::string::npos; ++p)
-         ++n;
-      return n;
-   };
-   EXPECT_EQ(count(big), DumpContext::kDefaultEntryLimit);
-   std::string verbose = reply(*dump, "DebugAgentState", true);
-   EXPECT_EQ(count(verbose), 122u);
-   EXPECT_EQ(verbose.find("truncated"), std::string::npos);
-}
-
 TEST_F(AgentTest, CommandRepliesForUnknownWordsAndUnstartedParts) {
    auto agent = start();
    EXPECT_EQ(reply(*agent->showAgentDebugCallbackIs(), "Bogus"), "Unknown command: Bogus");

@@ -384,24 +384,6 @@ TEST_F(ErrorResponderTest, SecondVrfWithTheSameInodeIsRefusedUntilTheFirstLetsGo
    EXPECT_EQ(v4->take(), (Strings{"unload", "load", "add 101"}));
 }
 
-TEST_F(ErrorResponderTest, FailedLoadLeavesTheFamilyUnloadedUntilTheSizesChange) {
-   v4->failLoads = true;
-   start();
-   nsUp("red", 101);
-   configure("red", TriState::of(true));
-   nsUp("blue", 102);
-   configure("blue", TriState::of(true));
-   EXPECT_EQ(v4->take(), (Strings{"load"}));  // once, not per VRF
-   EXPECT_FALSE(loaded(kV4));
-   EXPECT_TRUE(loaded(kV6));
-   EXPECT_EQ(status->ebpfLoadFailed, 1u);
-   v4->failLoads = false;
-   ebpf->ringBufSz.set(1 << 20);
-   check();
-   EXPECT_EQ(v4->take(), (Strings{"load", "add 102", "add 101"}));  // in name order
-   EXPECT_TRUE(loaded(kV4));
-}
-
 TEST_F(ErrorResponderTest, PamsAreRequestedForEveryConfiguredVrf) {
    start();
    configure("red", TriState::of(false));
@@ -572,10 +554,13 @@ TEST_F(ErrorResponderTest, LivenessIsRefreshedAndFailedLoadsRetriedWithBackoff) 
    }
    EXPECT_EQ(loadsAt, (std::vector<int>{15, 35, 75}));
    EXPECT_EQ(status->loadRetry.at(kV4).failures, 5u);
+   // New sizes are a new chance at once; its success stops the retries.
    v4->failLoads = false;
-   sched.advance(160);
+   ebpf->ringBufSz.set(1 << 20);
    EXPECT_TRUE(loaded(kV4));
    EXPECT_FALSE(status->loadRetry.count(kV4));
+   sched.advance(160);
+   EXPECT_EQ(v4->take(), (Strings{"load", "add 101"}));
 }
 
 TEST_F(ErrorResponderTest, RootAclConfigFollowsBothSourcesAcrossLoads) {
@@ -706,30 +691,6 @@ TEST(ErrorResponderCounters, WrapAndRangeErrors) {
       } catch (const std::out_of_range& e) {
          EXPECT_STREQ(e.what(), c.message);
       }
-   }
-}
-
-TEST(ErrorResponderRecords, InitParamsTruthValue) {
-   struct Case {
-      EbpfInitParams p;
-      bool loaded;
-   };
-   int dummy = 0;
-   for (auto& c : std::vector<Case>{
-            {{}, false},
-            {{nullptr, nullptr, -1, 0, 0}, false},
-            {{nullptr, nullptr, 0, 0, 0}, true},
-            {{nullptr, nullptr, 5, 0, 0}, true},
-            {{nullptr, nullptr, -1, 3, 0}, true},
-            {{nullptr, nullptr, -1, 0, 4}, true},
-            {{&dummy, nullptr, -1, 0, 0}, true},
-        }) {
-      EbpfInitStatus s(kV6);
-      EXPECT_FALSE(s.ebpfProgLoaded());
-      s.paramsIs(c.p);
-      EXPECT_EQ(s.ebpfProgLoaded(), c.loaded) << c.p.ringBufFd << " " << c.p.nsMapFd;
-      s.paramsIs({});
-      EXPECT_FALSE(s.ebpfProgLoaded());
    }
 }
 

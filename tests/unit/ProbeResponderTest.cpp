@@ -554,45 +554,6 @@ TEST_F(ProbeTest, RemoteRequestInAVrfWithoutIdFindsNoEntry) {
    }
 }
 
-TEST_F(ProbeTest, DumpListsReactorsAndTruncatesLongLists) {
-   for (int i = 0; i < 120; ++i) {
-      VrfName v("v" + std::to_string(1000 + i));
-      pams->pamIs({v, AddressFamily::ipv4},
-                  factory.ipSocketPamFactory("x", IPPROTO_ICMP, "ns-" + v.str()));
-   }
-   auto lines = [](const std::string& s, const std::string& what) {
-      size_t n = 0;
-      for (size_t p = 0; (p = s.find(what, p)) != std::string::npos; ++p)
-         ++n;
-      return n;
-   };
-   bool truncated = false;
-   std::string cut = dumpText([&](DumpContext& ctx) {
-      sm->dumpState(ctx, 2);
-      truncated = ctx.wasTruncated();
-   });
-   EXPECT_TRUE(truncated);
-   EXPECT_NE(cut.find("  ProbeResponder\n"
-                      "    config enabled 1 ifindex 1 ifname 1 ifaddr 1 remote 0\n"
-                      "    pamInputReactor #122\n"
-                      "      -- The following list will be truncated, use verbose option to "
-                      "display all 122 entries --\n"
-                      "      input reactor for default ipv4\n"),
-             std::string::npos)
-       << cut;
-   EXPECT_NE(cut.find("      -- This list has been truncated, use verbose option to display all "
-                      "122 entries --\n"
-                      "    intfIdByIfindex #4\n"
-                      "    intput queue #0\n"
-                      "    output queue #0\n"),
-             std::string::npos)
-       << cut;
-   EXPECT_EQ(lines(cut, "input reactor for "), DumpContext::kDefaultEntryLimit);
-   std::string all = dumpText([&](DumpContext& ctx) { sm->dumpState(ctx, 2); }, true);
-   EXPECT_EQ(lines(all, "input reactor for "), 122u);
-   EXPECT_EQ(all.find("truncated"), std::string::npos);
-}
-
 TEST_F(ProbeTest, TasksYieldAndRescheduleUntilEmpty) {
    sched.yieldPolicyIs(std::make_unique<test::YieldAfter>(2));
    Req r;
