@@ -2,8 +2,9 @@
 
 // `ravelctl traceroute`: a traceroute that reads the RFC 4884 extension structure of every
 // error it gets back and prints its RFC 5837 interface information and node identification
-// objects in words. The socket-free parts (matching a reply to its probe, rendering a hop) are
-// pure functions so they are tested without root.
+// objects in words. The socket-free parts are pure functions, tested without root: matching a
+// reply to its probe and decoding it (TraceReplies.cpp), rendering a hop (TraceRender.cpp); the
+// run itself (options, sockets, the loop) is in Traceroute.cpp.
 
 #include <cstdint>
 #include <optional>
@@ -22,6 +23,20 @@ enum class TraceProto : uint8_t { udp, icmp };
 
 // Classic traceroute's first destination port; probe n goes to kTraceBasePort + n.
 constexpr uint16_t kTraceBasePort = 33434;
+// Bytes after the echo header or in the UDP datagram of each probe.
+constexpr size_t kTraceProbePayload = 32;
+
+// ICMP types and codes told apart here beyond those of wire/IcmpExtension.h.
+constexpr uint8_t kIcmpEchoReply = 0;
+constexpr uint8_t kIcmpEchoRequest = 8;
+constexpr uint8_t kIcmpCodePortUnreach = 3;
+constexpr uint8_t kIcmp6PacketTooBig = 2;
+constexpr uint8_t kIcmp6ParamProblem = 4;
+constexpr uint8_t kIcmp6EchoRequest = 128;
+constexpr uint8_t kIcmp6EchoReply = 129;
+constexpr uint8_t kIcmp6CodePortUnreach = 4;
+
+bool isDestUnreach(AddressFamily af, uint8_t type);
 
 // What marks this run's probes. UDP: the source port of our socket, destination port
 // kTraceBasePort + probe number. ICMP: echo identifier `ident`, sequence = probe number.
