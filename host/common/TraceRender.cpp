@@ -62,9 +62,12 @@ std::vector<std::string> extensionLines(const TraceReply& r) {
          parts.push_back("address " + i.addr.str());
       if (i.mtu != 0)
          parts.push_back(fmt::format("MTU {}", i.mtu));
-      out.push_back(
-          fmt::format("{} interface: {}", roleWords(i.role),
-                      parts.empty() ? "no details" : fmt::format("{}", fmt::join(parts, ", "))));
+      // The next hop is a neighbour, not one of the router's interfaces.
+      out.push_back(fmt::format(
+          "{}: {}",
+          i.role == IcmpIntfRole::nextHop ? "next hop"
+                                          : fmt::format("{} interface", roleWords(i.role)),
+          parts.empty() ? "no details" : fmt::format("{}", fmt::join(parts, ", "))));
    }
    if (m.node) {
       std::vector<std::string> parts;
