@@ -159,7 +159,7 @@ LiveFamilies KernelErrorGuardSm::live(const VrfName& vrf) const {
    return it == vrfs_.end() ? LiveFamilies{} : it->second.live;
 }
 
-void KernelErrorGuardSm::remove(const VrfName& vrf) {
+void KernelErrorGuardSm::remove(VrfName vrf) {
    if (vrfs_.erase(vrf) != 0) {
       filter_->vrfDel(vrf);
       publish(vrf, {});

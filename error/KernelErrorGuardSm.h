@@ -71,7 +71,7 @@ class KernelErrorGuardSm : public Node {
    // The namespace file the VRF's filter goes into; nullopt: none wanted.
    std::optional<std::string> wantedNsPath(const VrfName& vrf) const;
    bool familyLive(const VrfName& vrf, NsInode inode, AddressFamily af) const;
-   void remove(const VrfName& vrf);
+   void remove(VrfName vrf);  // a copy: the caller may hold a key of vrfs_
    void publish(const VrfName& vrf, LiveFamilies live);
    void timerIs();
 
