@@ -116,7 +116,24 @@ class Site:
         return json.loads(self.client.run(*args).stdout)
 
 
-class Router:
+class ErrorsView:
+    """`show errors` of a daemon, and waiting on it; the class gives ctl() and tmp."""
+
+    def errors(self):
+        r = self.ctl("show", "errors", "--json", check=False)
+        return json.loads(r.stdout) if r.returncode == 0 else None
+
+    def wait_for(self, cond, what, timeout=60):
+        deadline = time.time() + timeout
+        while time.time() < deadline:
+            e = self.errors()
+            if e and cond(e):
+                return e
+            time.sleep(0.2)
+        pytest.fail(f"{what}: not reached; log:\n" + (self.tmp / "ravel.log").read_text())
+
+
+class Router(ErrorsView):
     def __init__(self, net, tmp):
         self.sites = {v: Site(net, v) for v in ("default", "red")}
         self.tmp, self.sock, self.cfg = tmp, tmp / "ravel.sock", tmp / "ravel.yaml"
@@ -137,18 +154,6 @@ class Router:
         return self.sites["default"].router.run(BIN / "ravelctl", "--socket", self.sock, *args,
                                                 check=check)
 
-    def errors(self):
-        r = self.ctl("show", "errors", "--json", check=False)
-        return json.loads(r.stdout) if r.returncode == 0 else None
-
-    def wait_for(self, cond, what, timeout=60):
-        deadline = time.time() + timeout
-        while time.time() < deadline:
-            e = self.errors()
-            if e and cond(e):
-                return e
-            time.sleep(0.2)
-        pytest.fail(f"{what}: not reached; log:\n" + (self.tmp / "ravel.log").read_text())
 
     def close(self):
         if self.daemon.poll() is None:

@@ -10,13 +10,12 @@ import json
 import os
 import signal
 import subprocess
-import threading
 import time
-from pathlib import Path
 
 import pytest
 
-from test_vm_errors import BIN, CLIENT, TTL_EXCEEDED, PORT_UNREACH, Site, addr, parse_error
+from test_vm_errors import (BIN, CLIENT, PORT_UNREACH, TTL_EXCEEDED, ErrorsView, Site, addr,
+                            parse_error)
 
 pytestmark = pytest.mark.vm
 
@@ -53,7 +52,7 @@ def topo():
         net.close()
 
 
-class Ravel:
+class Ravel(ErrorsView):
     """The daemon in the router's namespace with one configuration."""
 
     def __init__(self, topo, tmp, config, prefix=()):
@@ -70,19 +69,8 @@ class Ravel:
         self.cfg.write_text(config)
         self.proc.send_signal(signal.SIGHUP)
 
-    def errors(self):
-        r = self.topo.router.run(BIN / "ravelctl", "--socket", self.sock, "show", "errors",
-                                 "--json", check=False)
-        return json.loads(r.stdout) if r.returncode == 0 else None
-
-    def wait_for(self, cond, what, timeout=60):
-        deadline = time.time() + timeout
-        while time.time() < deadline:
-            e = self.errors()
-            if e and cond(e):
-                return e
-            time.sleep(0.2)
-        pytest.fail(f"{what}: not reached; log:\n" + (self.tmp / "ravel.log").read_text())
+    def ctl(self, *args, check=True):
+        return self.topo.router.run(BIN / "ravelctl", "--socket", self.sock, *args, check=check)
 
     def dropping(self, vrf, fams=("ipv4", "ipv6")):
         """Waits until the kernel's errors of `fams` are dropped in `vrf`."""
