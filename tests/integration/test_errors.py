@@ -6,7 +6,7 @@ from pathlib import Path
 
 import pytest
 
-from conftest import RAVEL, sh, wait_for
+from conftest import sh, wait_for
 from topo import ROUTER4, ROUTER6, build_router
 
 ERRCLIENT = Path(__file__).resolve().parents[1] / "lib" / "errclient.py"
