@@ -101,8 +101,11 @@ void KernelErrorGuardSm::handleVrf(const VrfName& vrf) {
    if (!live.any() || (it != vrfs_.end() && it->second.nsPath != *nsPath)) {
       remove(vrf);
       it = vrfs_.end();
-      if (!nsPath)
+      if (!nsPath) {  // gone: nothing of it to remember
          installFailedUntil_.erase(vrf);
+         for (AddressFamily af : kFamilies)
+            heldUntil_.erase({vrf, idx(af)});
+      }
       if (!live.any()) {
          timerIs();
          return;
@@ -164,8 +167,6 @@ void KernelErrorGuardSm::remove(VrfName vrf) {
       filter_->vrfDel(vrf);
       publish(vrf, {});
    }
-   for (AddressFamily af : kFamilies)
-      heldUntil_.erase({vrf, idx(af)});
 }
 
 void KernelErrorGuardSm::timerIs() {

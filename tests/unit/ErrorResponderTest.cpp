@@ -409,8 +409,8 @@ TEST_F(ErrorResponderTest, EachFailedKernelErrorFilterInstallIsCountedOnce) {
        {suppressOff, false, 1},  // removal never fails
        {suppressOn, false, 2},   // refused again
        {stopFailing, false, 2},  // not asked before the retry time
-       {wait, true, 2},          {disable, false, 2},
-       {enable, true, 2},        {suppressOn, true, 2},  // no change
+       {wait, true, 2},         {disable, false, 2},
+       {enable, true, 2},       {suppressOn, true, 2},  // no change
    };
    filter->failing.insert(dflt);
    int i = 0;
@@ -454,6 +454,7 @@ TEST_F(ErrorResponderTest, KernelErrorsAreDroppedOnlyWhileTheReplacementIsLive) 
       pam4Gone,
       ringDrops,
       sendFails,
+      refresh,
       wait,
       suppressOff,
       suppressOn,
@@ -467,14 +468,14 @@ TEST_F(ErrorResponderTest, KernelErrorsAreDroppedOnlyWhileTheReplacementIsLive) 
    };
    const Step steps[] = {
        {enable, false, false},  // no PAM yet
-       {pam4, true, false},      {pam6, true, true},
-       {pam4Gone, false, true},  {pam4, true, true},
-       {ringDrops, false, true},  // seen at the next refresh
-       {wait, true, true},        // held off, then back
-       {sendFails, true, false},  // at once
-       {wait, true, true},       {suppressOff, false, false},
-       {suppressOn, true, true}, {load4Fails, false, true},
-       {mapFull, false, false},  // neither family has the namespace in its map
+       {pam4, true, false},       {pam6, true, true},          {pam4Gone, false, true},
+       {pam4, true, true},        {ringDrops, false, true},  // seen at the next refresh
+       {wait, true, true},                                   // held off, then back
+       {sendFails, true, false},                             // at once
+       {refresh, true, false},                               // and for the whole hold-off
+       {wait, true, true},        {suppressOff, false, false}, {suppressOn, true, true},
+       {load4Fails, false, true}, {mapFull, false, false},  // neither family has the namespace in
+                                                            // its map
        {disable, false, false},
    };
    int i = 0;
@@ -499,6 +500,9 @@ TEST_F(ErrorResponderTest, KernelErrorsAreDroppedOnlyWhileTheReplacementIsLive) 
             break;
          case sendFails:
             root->kernelErrorGuard()->replacementLost(red, kV6);
+            break;
+         case refresh:
+            sched.advance(KernelErrorGuardSm::kRefreshInterval);
             break;
          case wait:
             sched.advance(KernelErrorGuardSm::kHoldOff + KernelErrorGuardSm::kRefreshInterval);
