@@ -468,14 +468,20 @@ TEST_F(ErrorResponderTest, KernelErrorsAreDroppedOnlyWhileTheReplacementIsLive) 
    };
    const Step steps[] = {
        {enable, false, false},  // no PAM yet
-       {pam4, true, false},       {pam6, true, true},          {pam4Gone, false, true},
-       {pam4, true, true},        {ringDrops, false, true},  // seen at the next refresh
-       {wait, true, true},                                   // held off, then back
-       {sendFails, true, false},                             // at once
-       {refresh, true, false},                               // and for the whole hold-off
-       {wait, true, true},        {suppressOff, false, false}, {suppressOn, true, true},
-       {load4Fails, false, true}, {mapFull, false, false},  // neither family has the namespace in
-                                                            // its map
+       {pam4, true, false},
+       {pam6, true, true},
+       {pam4Gone, false, true},
+       {pam4, true, true},
+       {ringDrops, false, true},   // seen at the next refresh
+       {wait, true, true},         // held off, then back
+       {sendFails, false, false},  // at once
+       {refresh, false, false},    // and for the whole hold-off
+       {wait, true, true},
+       {suppressOff, false, false},
+       {suppressOn, true, true},
+       {load4Fails, false, true},
+       {mapFull, false, false},  // neither family has the namespace in
+                                 // its map
        {disable, false, false},
    };
    int i = 0;
@@ -499,6 +505,7 @@ TEST_F(ErrorResponderTest, KernelErrorsAreDroppedOnlyWhileTheReplacementIsLive) 
             sched.advance(KernelErrorGuardSm::kRefreshInterval);
             break;
          case sendFails:
+            root->kernelErrorGuard()->replacementLost(red, kV4);
             root->kernelErrorGuard()->replacementLost(red, kV6);
             break;
          case refresh:
