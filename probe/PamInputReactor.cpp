@@ -8,12 +8,15 @@ RAVEL_TRACE_CATEGORY("ProbePamInputReactor");
 namespace Ravel::ProbeResponder {
 
 PamInputReactor::PamInputReactor(VrfNameAndAddressFamily key, Ptr<IpPam> pam, Ptr<Queues> queues,
-                                 Ptr<Config> config, Ptr<Status> status)
+                                 Ptr<Config> config, Ptr<Status> status,
+                                 Ptr<RequestAdmission> admission)
     : key_(std::move(key)),
       pam_(std::move(pam)),
       queues_(std::move(queues)),
       config_(std::move(config)),
-      status_(std::move(status)) {
+      status_(std::move(status)),
+      admission_(std::move(admission)) {
+   RAVEL_ASSERT(admission_);
    RAVEL_ASSERT(pam_);
    RAVEL_ASSERT(queues_);
    RAVEL_ASSERT(config_);
@@ -25,6 +28,16 @@ void PamInputReactor::handlePamReadable() {
    // Hold ourselves: enqueueing runs reactors that may drop this one.
    Ptr<PamInputReactor> self(this);
    while (Ptr<Pkt> pkt = pam_->rxPkt()) {
+      switch (admission_->admit(pam_->rxSrcIpAddr(), pam_->rxDstIpAddr(), pam_->rxIfIndex())) {
+         case Admission::notUnicast:
+            status_->notUnicastInc(1);
+            continue;
+         case Admission::rateLimited:
+            status_->rateLimitedInc(1);
+            continue;
+         case Admission::admitted:
+            break;
+      }
       // The only brake on a flood: the output queue counts too, so replies that cannot leave
       // stop new work.
       uint32_t limit = config_->maxQueueLength();

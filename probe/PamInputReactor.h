@@ -6,6 +6,7 @@
 #include "platform/linux/IpPam.h"
 #include "probe/ProbeSchema.h"
 #include "probe/Queues.h"
+#include "probe/RequestAdmission.h"
 
 namespace Ravel::ProbeResponder {
 
@@ -13,7 +14,7 @@ namespace Ravel::ProbeResponder {
 class PamInputReactor : public Node {
  public:
    PamInputReactor(VrfNameAndAddressFamily key, Ptr<IpPam> pam, Ptr<Queues> queues,
-                   Ptr<Config> config, Ptr<Status> status);
+                   Ptr<Config> config, Ptr<Status> status, Ptr<RequestAdmission> admission);
    void handlePamReadable();
    const VrfNameAndAddressFamily& key() const { return key_; }
    const Ptr<IpPam>& pam() const { return pam_; }
@@ -24,6 +25,7 @@ class PamInputReactor : public Node {
    Ptr<Queues> queues_;
    Ptr<Config> config_;
    Ptr<Status> status_;
+   Ptr<RequestAdmission> admission_;
    Subscription sub_;
 };
 

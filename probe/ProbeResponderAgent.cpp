@@ -45,8 +45,13 @@ void Agent::doMountsComplete(MountStatus status, const Ptr<EntityManager>& em) {
    if (!probeStatus)
       probeStatus = make<Status>();
    auto queues = queuesFactory();
-   rootSm_ = make<RootSm>(queues, allIntfStatusDir(), l3IntfStatusDir, ifIndexStatus, ipStatus(),
-                          ip6Status(), arpStatus, vrfIdMap, config, probeStatus, pamCollection());
+   // A store without the ACL sources gets empty ones: a named source list then refuses all.
+   Ptr<AclConfig> aclInput = em->entityAs<AclInput>("acl/config/input");
+   Ptr<AclConfig> aclCli = em->entityAs<AclConfig>("acl/config/cli");
+   rootSm_ =
+       make<RootSm>(queues, allIntfStatusDir(), l3IntfStatusDir, ifIndexStatus, ipStatus(),
+                    ip6Status(), arpStatus, vrfIdMap, config, probeStatus, pamCollection(),
+                    aclInput ? aclInput : make<AclConfig>(), aclCli ? aclCli : make<AclConfig>());
 }
 
 void Agent::dumpState(DumpContext& ctx, int indent) const {

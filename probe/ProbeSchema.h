@@ -4,10 +4,33 @@
 
 #include <cstdint>
 #include <map>
+#include <string>
 
 #include "platform/store/Entity.h"
 
 namespace Ravel::ProbeResponder {
+
+// Per request type, the name of the ACL its sources must be permitted by (RFC 8335 section 4);
+// empty: every source.
+struct SourceLists {
+   std::string ifname;
+   std::string ifindex;
+   std::string ifaddr;
+   std::string remote;
+   bool operator==(const SourceLists&) const = default;
+};
+
+// Requests a second and burst, for all sources together and for each source prefix (RFC 8335
+// section 8); a rate of 0 sets no limit.
+struct RateLimitSettings {
+   uint32_t rate = 0;
+   uint32_t burst = 0;
+   uint32_t perSourceRate = 0;
+   uint32_t perSourceBurst = 0;
+   uint8_t ipv4PrefixLength = 24;
+   uint8_t ipv6PrefixLength = 64;
+   bool operator==(const RateLimitSettings&) const = default;
+};
 
 // "icmp/probe/config". Off unless configured (RFC 8335 section 6).
 class Config : public Entity {
@@ -19,12 +42,17 @@ class Config : public Entity {
    Attr<bool> ifaddr;
    Attr<bool> remote;
    Attr<uint32_t> maxQueueLength{1024};
+   Attr<SourceLists> sources;
+   Attr<RateLimitSettings> rateLimit;
 };
 
 // clang-format off
 #define RAVEL_PROBE_COUNTERS(X) \
    X(requestsReceived) \
    X(queueTooLong) \
+   X(rateLimited) \
+   X(notUnicast) \
+   X(sourceNotAuthorized) \
    X(pktTooShort) \
    X(unknownAf) \
    X(incorrectIcmpType) \

@@ -1,5 +1,7 @@
 #include "probe/RequestPolicy.h"
 
+#include <netinet/in.h>
+
 #include <exception>
 #include <string_view>
 
@@ -53,13 +55,41 @@ bool validUtf8(std::string_view s) {
 }  // namespace
 
 RequestPolicy::RequestPolicy(Ptr<Config> config, Ptr<IntfIdByIfIndex> intfIdByIfIndex,
-                             Ptr<AllIntfAddrVrfTable> allIntfAddrVrfTable)
+                             Ptr<AllIntfAddrVrfTable> allIntfAddrVrfTable, Ptr<AclConfig> aclInput,
+                             Ptr<AclConfig> aclCli)
     : config_(std::move(config)),
       intfIdByIfIndex_(std::move(intfIdByIfIndex)),
-      allIntfAddrVrfTable_(std::move(allIntfAddrVrfTable)) {
+      allIntfAddrVrfTable_(std::move(allIntfAddrVrfTable)),
+      aclInput_(std::move(aclInput)),
+      aclCli_(std::move(aclCli)) {
    RAVEL_ASSERT(config_);
    RAVEL_ASSERT(intfIdByIfIndex_);
    RAVEL_ASSERT(allIntfAddrVrfTable_);
+   RAVEL_ASSERT(aclInput_);
+   RAVEL_ASSERT(aclCli_);
+}
+
+bool RequestPolicy::sourceAuthorized(const PacketParserResult& result, const IpGenAddr& src,
+                                     const IpGenAddr& dst) const {
+   const SourceLists& s = config_->sources();
+   const RequestedInterface& intf = result.interface;
+   const std::string& name = !result.localNode()      ? s.remote
+                             : intf.containsIfName()  ? s.ifname
+                             : intf.containsIfIndex() ? s.ifindex
+                             : intf.containsIfAddr()  ? s.ifaddr
+                                                      : std::string();
+   if (name.empty())
+      return true;
+   const AclList* list = aclCli_->list(src.af(), name);
+   if (!list)
+      list = aclInput_->list(src.af(), name);
+   if (!list) {
+      TRACE(5, "source list {} not defined: {} refused", name, src);
+      return false;
+   }
+   uint8_t proto = src.isV6() ? uint8_t{IPPROTO_ICMPV6} : uint8_t{IPPROTO_ICMP};
+   AclMatch m = matchesAcl(*list, proto, src, dst);
+   return m.matched && m.action == AclAction::permit;
 }
 
 bool RequestPolicy::requestAllowed(const PacketParserResult& result) const {

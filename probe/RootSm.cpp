@@ -17,7 +17,7 @@ RootSm::RootSm(Ptr<Queues> queues, Ptr<AllIntfStatusDir> allIntfStatusDir,
                Ptr<L3IntfStatusDir> l3IntfStatusDir, Ptr<IfIndexStatus> ifIndexStatus,
                Ptr<IpStatus> ipStatus, Ptr<Ip6Status> ip6Status, Ptr<ArpTableStatus> arpStatus,
                Ptr<VrfIdMapStatus> vrfIdMap, Ptr<Config> config, Ptr<Status> status,
-               Ptr<PamCollection> pamCollection)
+               Ptr<PamCollection> pamCollection, Ptr<AclConfig> aclInput, Ptr<AclConfig> aclCli)
     : queues_(std::move(queues)),
       allIntfStatusDir_(std::move(allIntfStatusDir)),
       l3IntfStatusDir_(std::move(l3IntfStatusDir)),
@@ -45,7 +45,9 @@ RootSm::RootSm(Ptr<Queues> queues, Ptr<AllIntfStatusDir> allIntfStatusDir,
    allIntfAddrVrfTable_ = make<AllIntfAddrVrfTable>();
    vrfNameToId_ = make<NameToIdMap>();
    vrfReverseMapper_ = make<ReverseMapper>(vrfIdMap_, vrfNameToId_);
-   policy_ = std::make_unique<RequestPolicy>(config_, intfIdByIfIndex_, allIntfAddrVrfTable_);
+   policy_ = std::make_unique<RequestPolicy>(config_, intfIdByIfIndex_, allIntfAddrVrfTable_,
+                                             std::move(aclInput), std::move(aclCli));
+   admission_ = make<RequestAdmission>(config_, intfIdByIfIndex_, ipStatus_, scheduler_);
    handler_ =
        std::make_unique<RequestHandler>(*policy_, allIntfStatusDir_, l3IntfStatusDir_, ipStatus_,
                                         ip6Status_, arpStatus_, vrfNameToId_, *status_);
@@ -100,6 +102,10 @@ void RootSm::processOnePacket(const Ptr<QueueEntry>& entry) {
       status_->requestTypeNotAllowedInc(1);
       return;
    }
+   if (!policy_->sourceAuthorized(*result, entry->src, entry->dst)) {
+      status_->sourceNotAuthorizedInc(1);
+      return;
+   }
    auto handlerResult = probeHandlerResultFactory();
    handlerResult->reply = result->request & kIdentifierAndSequence;
    if (rc == ParseResultCode::malformedRequest) {
@@ -131,7 +137,8 @@ void RootSm::handlePamCollection(const VrfNameAndAddressFamily& key, const Ptr<I
 void RootSm::pamInputReactorIs(const VrfNameAndAddressFamily& key, const Ptr<IpPam>& pam) {
    if (pamInputReactor_.count(key))
       return;
-   pamInputReactor_.emplace(key, make<PamInputReactor>(key, pam, queues_, config_, status_));
+   pamInputReactor_.emplace(key,
+                            make<PamInputReactor>(key, pam, queues_, config_, status_, admission_));
 }
 
 void RootSm::pamInputReactorDel(const VrfNameAndAddressFamily& key) {

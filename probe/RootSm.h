@@ -11,6 +11,7 @@
 #include "probe/ProbeHandlerResult.h"
 #include "probe/ProbeSchema.h"
 #include "probe/Queues.h"
+#include "probe/RequestAdmission.h"
 #include "probe/RequestHandler.h"
 #include "probe/RequestParser.h"
 #include "probe/RequestPolicy.h"
@@ -27,7 +28,7 @@ class RootSm : public Node {
           Ptr<L3IntfStatusDir> l3IntfStatusDir, Ptr<IfIndexStatus> ifIndexStatus,
           Ptr<IpStatus> ipStatus, Ptr<Ip6Status> ip6Status, Ptr<ArpTableStatus> arpStatus,
           Ptr<VrfIdMapStatus> vrfIdMap, Ptr<Config> config, Ptr<Status> status,
-          Ptr<PamCollection> pamCollection);
+          Ptr<PamCollection> pamCollection, Ptr<AclConfig> aclInput, Ptr<AclConfig> aclCli);
    ~RootSm() override;
 
    void handleInitialized();
@@ -86,6 +87,7 @@ class RootSm : public Node {
    IntfAddrVrfTableSmConfig smConfig_;
    RequestParser parser_;
    std::unique_ptr<RequestPolicy> policy_;
+   Ptr<RequestAdmission> admission_;
    std::unique_ptr<RequestHandler> handler_;
    Subscription inputSub_;
    Subscription outputSub_;

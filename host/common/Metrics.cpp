@@ -20,6 +20,9 @@ namespace {
 const std::map<std::string_view, std::string_view> kHelp = {
     {"requestsReceived", "PROBE requests accepted into the input queue."},
     {"queueTooLong", "Received packets dropped because a queue was over max-queue-length."},
+    {"rateLimited", "Requests dropped over the configured rate, for all sources or their own."},
+    {"notUnicast", "Requests to a broadcast or multicast address, dropped."},
+    {"sourceNotAuthorized", "Requests whose source the type's ACL does not permit, dropped."},
     {"pktTooShort", "Requests that ended before a header or object they announce."},
     {"unknownAf", "Requests of neither IPv4 nor IPv6."},
     {"incorrectIcmpType", "Packets that were not Extended Echo Requests."},

@@ -210,7 +210,8 @@ class Parser {
    }
 
    void parseProbe(const Val& n, ProbeSettings& p) {
-      auto f = fields(n, {"enabled", "ifname", "ifindex", "ifaddr", "remote", "max-queue-length"});
+      auto f = fields(n, {"enabled", "ifname", "ifindex", "ifaddr", "remote", "max-queue-length",
+                          "sources", "rate-limit"});
       for (auto [name, out] : {std::pair{"enabled", &p.enabled}, std::pair{"ifname", &p.ifname},
                                std::pair{"ifindex", &p.ifindex}, std::pair{"ifaddr", &p.ifaddr},
                                std::pair{"remote", &p.remote}}) {
@@ -219,6 +220,30 @@ class Parser {
       }
       if (auto v = field(f, "max-queue-length"))
          p.maxQueueLength = static_cast<uint32_t>(number(*v, UINT32_MAX));
+      if (auto v = field(f, "sources")) {
+         auto s = fields(*v, {"ifname", "ifindex", "ifaddr", "remote"});
+         for (auto [name, out] :
+              {std::pair{"ifname", &p.sources.ifname}, std::pair{"ifindex", &p.sources.ifindex},
+               std::pair{"ifaddr", &p.sources.ifaddr}, std::pair{"remote", &p.sources.remote}}) {
+            if (auto x = field(s, name))
+               *out = aclRef(*x);
+         }
+      }
+      if (auto v = field(f, "rate-limit")) {
+         auto r = fields(*v, {"rate", "burst", "per-source-rate", "per-source-burst",
+                              "ipv4-prefix-length", "ipv6-prefix-length"});
+         auto& l = p.rateLimit;
+         for (auto [name, out] : {std::pair{"rate", &l.rate}, std::pair{"burst", &l.burst},
+                                  std::pair{"per-source-rate", &l.perSourceRate},
+                                  std::pair{"per-source-burst", &l.perSourceBurst}}) {
+            if (auto x = field(r, name))
+               *out = static_cast<uint32_t>(number(*x, UINT32_MAX));
+         }
+         if (auto x = field(r, "ipv4-prefix-length"))
+            l.ipv4PrefixLength = static_cast<uint8_t>(number(*x, 32));
+         if (auto x = field(r, "ipv6-prefix-length"))
+            l.ipv6PrefixLength = static_cast<uint8_t>(number(*x, 128));
+      }
    }
 
    void parseError(const Val& n, ErrorSettings& e) {

@@ -10,6 +10,7 @@
 
 #include "error/ErrorResponderSchema.h"
 #include "platform/store/Acl.h"
+#include "probe/ProbeSchema.h"
 
 namespace Ravel {
 
@@ -27,6 +28,8 @@ struct ProbeSettings {
    bool ifaddr = false;
    bool remote = false;
    uint32_t maxQueueLength = 1024;  // the responder entity's own default
+   ProbeResponder::SourceLists sources;
+   ProbeResponder::RateLimitSettings rateLimit;
    bool operator==(const ProbeSettings&) const = default;
 };
 

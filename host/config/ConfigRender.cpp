@@ -48,6 +48,23 @@ std::string renderConfig(const RavelConfig& c) {
    out << YAML::Key << "ifaddr" << YAML::Value << p.ifaddr;
    out << YAML::Key << "remote" << YAML::Value << p.remote;
    out << YAML::Key << "max-queue-length" << YAML::Value << p.maxQueueLength;
+   out << YAML::Key << "sources" << YAML::Value << YAML::Flow << YAML::BeginMap;
+   for (auto [name, list] :
+        {std::pair{"ifname", &p.sources.ifname}, std::pair{"ifindex", &p.sources.ifindex},
+         std::pair{"ifaddr", &p.sources.ifaddr}, std::pair{"remote", &p.sources.remote}}) {
+      out << YAML::Key << name << YAML::Value;
+      emitOptional(out, *list);
+   }
+   out << YAML::EndMap;
+   const auto& l = p.rateLimit;
+   out << YAML::Key << "rate-limit" << YAML::Value << YAML::Flow << YAML::BeginMap;
+   out << YAML::Key << "rate" << YAML::Value << l.rate;
+   out << YAML::Key << "burst" << YAML::Value << l.burst;
+   out << YAML::Key << "per-source-rate" << YAML::Value << l.perSourceRate;
+   out << YAML::Key << "per-source-burst" << YAML::Value << l.perSourceBurst;
+   out << YAML::Key << "ipv4-prefix-length" << YAML::Value << unsigned{l.ipv4PrefixLength};
+   out << YAML::Key << "ipv6-prefix-length" << YAML::Value << unsigned{l.ipv6PrefixLength};
+   out << YAML::EndMap;
    out << YAML::EndMap;
 
    const auto& e = c.errorResponder;

@@ -132,6 +132,8 @@ void ConfigService::apply(const RavelConfig& c) {
    probe_->ifaddr.set(c.probe.ifaddr);
    probe_->remote.set(c.probe.remote);
    probe_->maxQueueLength.set(c.probe.maxQueueLength);
+   probe_->sources.set(c.probe.sources);
+   probe_->rateLimit.set(c.probe.rateLimit);
    probe_->enabled.set(c.probe.enabled);
 
    deleteAcls(*aclInput_->ipv4, c.ipv4Acls);

@@ -72,6 +72,13 @@ AclMatch match(const AclList& acl, uint8_t proto, std::span<const uint8_t> src,
 }
 }  // namespace
 
+AclMatch matchesAcl(const AclList& acl, uint8_t protocol, const IpGenAddr& src,
+                    const IpGenAddr& dst) {
+   if (src.af() != acl.af || dst.af() != acl.af)
+      return {};
+   return match(acl, protocol, src.bytes(), dst.bytes());
+}
+
 AclMatch matchesIpAcl(const AclList& acl, std::span<const uint8_t> h) {
    if (h.size() < 20 || (h[0] >> 4) != 4)
       return {};

@@ -54,6 +54,9 @@ struct AclMatch {
 // so a rule on a transport protocol does not match a packet with extension headers. A
 // truncated header matches nothing.
 AclMatch matchesIpAcl(const AclList& acl, std::span<const uint8_t> ipv4Header);
+// Over the fields themselves, for packets whose header the socket keeps (IPv6 raw sockets).
+AclMatch matchesAcl(const AclList& acl, uint8_t protocol, const IpGenAddr& src,
+                    const IpGenAddr& dst);
 AclMatch matchesIp6Acl(const AclList& acl, std::span<const uint8_t> ipv6Header);
 
 // The lists of one family, by name.

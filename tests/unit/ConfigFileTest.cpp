@@ -50,6 +50,12 @@ TEST(ConfigFileParse, GoodFiles) {
         [](RavelConfig& c) {
            c.errorResponder = {TriState::of(false), true, 255, 65536, 4294967295u, {}};
         }},
+       {"probe:\n  sources: {ifname: NOC, remote: ~}\n"
+        "  rate-limit: {rate: 100, burst: 200, per-source-rate: 5, ipv6-prefix-length: 48}\n",
+        [](RavelConfig& c) {
+           c.probe.sources.ifname = "NOC";
+           c.probe.rateLimit = {100, 200, 5, 0, 24, 48};
+        }},
        {"error-responder:\n  suppress-kernel-errors: false\n",
         [](RavelConfig& c) { c.errorResponder.suppressKernelErrors = false; }},
        {"error-responder:\n  enabled: ~\n  vrfs:\n    default:\n    " + std::string(100, 'v') +
@@ -217,6 +223,8 @@ TEST(ConfigFileRender, DefaultsWrittenOutAndRoundTrip) {
   ifaddr: false
   remote: false
   max-queue-length: 1024
+  sources: {ifname: ~, ifindex: ~, ifaddr: ~, remote: ~}
+  rate-limit: {rate: 0, burst: 0, per-source-rate: 0, per-source-burst: 0, ipv4-prefix-length: 24, ipv6-prefix-length: 64}
 error-responder:
   enabled: ~
   add-host-name: false

@@ -135,6 +135,7 @@ struct ProbeTest : FakePamWorld {
    Ptr<VrfIdMapStatus> vrfIds = make<VrfIdMapStatus>();
    Ptr<Config> config = make<Config>();
    Ptr<Status> status = make<Status>();
+   Ptr<AclConfig> aclInput = make<AclConfig>();
    Ptr<PamCollection> pams = make<PamCollection>();
    Ptr<FakePam> pam4 = defaultVrfPam(AddressFamily::ipv4);
    Ptr<FakePam> pam6 = defaultVrfPam(AddressFamily::ipv6);
@@ -157,7 +158,7 @@ struct ProbeTest : FakePamWorld {
       pams->pamIs({VrfName::defaultVrf(), AddressFamily::ipv4}, pam4);
       pams->pamIs({VrfName::defaultVrf(), AddressFamily::ipv6}, pam6);
       sm = make<RootSm>(make<Queues>(), intfs, l3, ifIndex, ip, ip6, arp, vrfIds, config, status,
-                        pams);
+                        pams, aclInput, make<AclConfig>());
    }
 
    void intf(const std::string& name, OperStatus oper, uint32_t ifindex, const std::string& vrf,
@@ -517,6 +518,71 @@ TEST_F(ProbeTest, QueueLimitDropsAndCounts) {
       uint64_t sent = c.accepted + (c.replyWaiting ? 1 : 0);
       EXPECT_EQ(status->responsesSent, sent);
       EXPECT_EQ(pam4->tx.size(), sent);
+   }
+}
+
+// What is refused before any work: broadcast and multicast destinations and requests over the
+// rate (for all sources, or for one source prefix); and after parsing, sources the request
+// type's list does not permit. Refused requests get no reply.
+TEST_F(ProbeTest, AdmissionAndSourceListsDecideWhatIsAnswered) {
+   auto addr = [](const char* a) { return *IpGenAddr::parse(a); };
+   AclList noc{"NOC", AddressFamily::ipv4, {}};
+   noc.rules.push_back({AclAction::permit,
+                        *IpPrefix::parse("192.0.2.0/24", AddressFamily::ipv4),
+                        *IpPrefix::parse("any", AddressFamily::ipv4),
+                        {}});
+   aclInput->ipv4->acl.is("NOC", noc);
+   struct Case {
+      const char* what;
+      std::function<void()> setup;
+      const char* src;
+      const char* dst;
+      int requests;
+      uint64_t answered;
+      const char* counter;  // what counts the others
+   };
+   const Case cases[] = {
+       {"multicast", [] {}, "192.0.2.1", "224.0.0.1", 1, 0, "notUnicast"},
+       {"limited broadcast", [] {}, "192.0.2.1", "255.255.255.255", 1, 0, "notUnicast"},
+       {"eth0's subnet broadcast", [] {}, "192.0.2.1", "192.0.2.255", 1, 0, "notUnicast"},
+       {"all sources: burst 3",
+        [this] {
+           config->rateLimit.set({1, 3, 0, 0, 24, 64});
+        },
+        "192.0.2.1", "192.0.2.2", 5, 3, "rateLimited"},
+       {"per source /24: burst 2",
+        [this] {
+           config->rateLimit.set({0, 0, 1, 2, 24, 64});
+        },
+        "192.0.2.1", "192.0.2.2", 4, 2, "rateLimited"},
+       {"per source: another /24 has its own share", [] {}, "198.51.100.9", "192.0.2.2", 2, 2,
+        "rateLimited"},
+       {"source permitted by the name's list",
+        [this] {
+           config->rateLimit.set({});
+           config->sources.set({"NOC", "", "", ""});
+        },
+        "192.0.2.1", "192.0.2.2", 1, 1, "sourceNotAuthorized"},
+       {"source not permitted", [] {}, "198.51.100.9", "192.0.2.2", 1, 0, "sourceNotAuthorized"},
+       {"list named but not defined: nobody",
+        [this] {
+           config->sources.set({"MISSING", "", "", ""});
+        },
+        "192.0.2.1", "192.0.2.2", 1, 0, "sourceNotAuthorized"},
+   };
+   Req r;
+   for (auto& c : cases) {
+      SCOPED_TRACE(c.what);
+      c.setup();
+      status->clear();
+      pam4->tx.clear();
+      IpGenAddr src = addr(c.src), dst = addr(c.dst);
+      Bytes wire = withIpv4Header(r.build(src, dst));
+      for (int i = 0; i < c.requests; ++i)
+         pam4->inject(wire, src, dst, true, kArrivalIfIndex);
+      sched.runUntilIdle();
+      EXPECT_EQ(pam4->tx.size(), c.answered);
+      EXPECT_EQ(counters(*status).at(c.counter), c.requests - c.answered);
    }
 }
 
