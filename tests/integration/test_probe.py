@@ -152,6 +152,33 @@ def test_policy_follows_configuration_reload(lab):
         wait_for(lambda: "remote: true" in d.ctl("show", "config").stdout, 3)
 
 
+def test_source_lists_follow_configuration(lab):
+    """A request kind's source list, through the daemon and the file: the client's prefix
+    refused, then permitted; other kinds and a family without such a list as configured."""
+    d, client, cfg = lab["daemon"], lab["client"], lab["config"]
+    base = CONFIG.format(remote="true", qlen=1024)
+    lists = "  sources: {{ifname: NOC}}\nacls:\n  ipv4:\n    NOC: [{{action: permit, source: {}}}]\n"
+    cases = [
+        # NOC permits, case, answered
+        ("198.51.100.0/24", {"obj": {"name": "r0"}}, False),
+        ("198.51.100.0/24", {"obj": {"index": ifindex(lab["router"], "r0")}}, True),
+        ("192.0.2.0/24", {"obj": {"name": "r0"}}, True),
+        ("192.0.2.0/24", {"af": 6, "obj": {"name": "r0"}}, False),  # no IPv6 list NOC
+    ]
+    try:
+        for i, (permit, case, answered) in enumerate(cases):
+            cfg.write_text(base + lists.format(permit))
+            assert wait_for(lambda: permit in d.ctl("show", "config").stdout, 3)
+            before = counters(d)["sourceNotAuthorized"]
+            af, m = build(case, 0x6000 + i, i)
+            [r] = exchange(client, [req(af, m, 0x6000 + i, i)], timeout=0.5)
+            assert (r is not None) == answered, (permit, case)
+            assert counters(d)["sourceNotAuthorized"] == before + (0 if answered else 1)
+    finally:
+        cfg.write_text(base)
+        wait_for(lambda: "NOC" not in d.ctl("show", "config").stdout, 3)
+
+
 def test_link_down_follows(lab):
     d, router, client = lab["daemon"], lab["router"], lab["client"]
     router.run("ip", "link", "set", "r1", "down")
