@@ -1,5 +1,7 @@
 #include "host/common/CtlCommands.h"
 
+#include <cctype>
+
 #include <cstdio>
 
 #include <fmt/format.h>
@@ -74,6 +76,23 @@ int runCtlCommand(const std::string& socketPath, const std::vector<std::string>&
       return printReply(socketPath, join(args, 1));
    }
    throw UsageError(fmt::format("unknown command {}", cmd));
+}
+
+unsigned optionNumber(const std::string& opt, const std::string& text, unsigned lo, unsigned hi) {
+   unsigned long v = 0;
+   bool ok = !text.empty() && std::isdigit(static_cast<unsigned char>(text[0]));
+   if (ok) {
+      size_t used = 0;
+      try {
+         v = std::stoul(text, &used);
+      } catch (const std::logic_error&) {
+         used = 0;
+      }
+      ok = used == text.size() && v >= lo && v <= hi;
+   }
+   if (!ok)
+      throw UsageError(fmt::format("{} takes a number from {} to {}", opt, lo, hi));
+   return static_cast<unsigned>(v);
 }
 
 }  // namespace Ravel::host

@@ -75,7 +75,7 @@ int runProbe(const std::vector<std::string>& args) {
          if (a == "--ifname") {
             what = ProbeTarget(value());
          } else if (a == "--ifindex") {
-            what = ProbeTarget(static_cast<uint32_t>(std::stoul(value())));
+            what = ProbeTarget(uint32_t{optionNumber(a, value(), 0, UINT32_MAX)});
          } else if (a == "--ifaddr") {
             auto addr = IpGenAddr::parse(value());
             if (!addr)
@@ -88,7 +88,7 @@ int runProbe(const std::vector<std::string>& args) {
          } else if (a == "-6") {
             family = AF_INET6;
          } else if (a == "--count") {
-            count = static_cast<unsigned>(std::stoul(value()));
+            count = optionNumber(a, value(), 1, 100000);
          } else if (a == "--timeout") {
             timeout = std::stod(value());
          } else if (target.empty() && !a.starts_with("-")) {

@@ -37,19 +37,6 @@ struct TraceOptions {
    bool json = false;
 };
 
-unsigned number(const std::string& opt, const std::string& text, unsigned lo, unsigned hi) {
-   size_t used = 0;
-   unsigned long v = 0;
-   try {
-      v = std::stoul(text, &used);
-   } catch (const std::logic_error&) {
-      used = 0;
-   }
-   if (used == 0 || used != text.size() || v < lo || v > hi)
-      throw UsageError(fmt::format("{} takes a number from {} to {}", opt, lo, hi));
-   return static_cast<unsigned>(v);
-}
-
 TraceOptions parseOptions(const std::vector<std::string>& args) {
    TraceOptions o;
    for (size_t i = 1; i < args.size(); ++i) {
@@ -68,13 +55,13 @@ TraceOptions parseOptions(const std::vector<std::string>& args) {
          if (o.vrf.empty() || o.vrf.find('/') != std::string::npos || o.vrf.size() > 100)
             throw UsageError("--vrf takes a VRF name");
       } else if (a == "--max-hops") {
-         o.maxHops = number(a, value(), 1, 255);
+         o.maxHops = optionNumber(a, value(), 1, 255);
       } else if (a == "--udp") {
          o.proto = TraceProto::udp;
       } else if (a == "--icmp") {
          o.proto = TraceProto::icmp;
       } else if (a == "--queries") {
-         o.queries = number(a, value(), 1, 10);
+         o.queries = optionNumber(a, value(), 1, 10);
       } else if (a == "--timeout") {
          const std::string& t = value();
          size_t used = 0;
@@ -86,7 +73,7 @@ TraceOptions parseOptions(const std::vector<std::string>& args) {
          if (used == 0 || used != t.size() || !(o.timeout > 0) || o.timeout > 60)
             throw UsageError("--timeout takes seconds, over 0 and at most 60");
       } else if (a == "--node-id-class") {
-         o.nodeIdClass = static_cast<uint8_t>(number(a, value(), 0, 255));
+         o.nodeIdClass = static_cast<uint8_t>(optionNumber(a, value(), 0, 255));
       } else if (a == "--json") {
          o.json = true;
       } else if (o.dest.empty() && !a.starts_with("-")) {

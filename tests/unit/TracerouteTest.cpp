@@ -8,6 +8,8 @@
 
 #include <nlohmann/json.hpp>
 
+#include "host/common/CtlCommands.h"
+#include "host/common/ProbeClient.h"
 #include "host/common/Traceroute.h"
 #include "tests/unit/TestBytes.h"
 
@@ -289,6 +291,39 @@ TEST(TracerouteTest, GroupsProbesAnsweredAlikeAndMarksLostOnes) {
    EXPECT_EQ(h["replies"][1]["rttMs"], 0.25);
    EXPECT_EQ(h["replies"][3]["meaning"], "echo reply");
    EXPECT_FALSE(h["replies"][3].contains("extensions"));
+}
+
+}  // namespace
+}  // namespace Ravel::host
+
+namespace Ravel::host {
+namespace {
+
+// Options are checked before anything is sent: a count of -1 once meant four billion probes.
+TEST(RavelctlOptions, BadValuesAreUsageErrors) {
+   struct Case {
+      std::vector<std::string> args;
+      const char* message;
+   };
+   const Case cases[] = {
+       {{"probe", "127.0.0.1", "--ifname", "lo", "--count", "-1"},
+        "--count takes a number from 1 to 100000"},
+       {{"probe", "127.0.0.1", "--ifname", "lo", "--count", "0"},
+        "--count takes a number from 1 to 100000"},
+       {{"probe", "127.0.0.1", "--ifindex", "1x"}, "--ifindex takes a number from 0 to 4294967295"},
+       {{"probe", "127.0.0.1"}, "probe needs a TARGET and one of --ifname, --ifindex, --ifaddr"},
+       {{"traceroute", "127.0.0.1", "--queries", "11"}, "--queries takes a number from 1 to 10"},
+       {{"traceroute", "127.0.0.1", "--max-hops", " 5"}, "--max-hops takes a number from 1 to 255"},
+   };
+   for (const auto& c : cases) {
+      SCOPED_TRACE(c.message);
+      try {
+         (c.args[0] == "probe" ? runProbe : runTraceroute)(c.args);
+         ADD_FAILURE() << "accepted";
+      } catch (const UsageError& e) {
+         EXPECT_STREQ(e.what(), c.message);
+      }
+   }
 }
 
 }  // namespace
