@@ -1,5 +1,7 @@
 """The daemon's life cycle and control socket, for real."""
+import os
 import signal
+import stat
 import socket
 import subprocess
 import time
@@ -15,6 +17,8 @@ def test_start_dump_second_instance_and_sigterm(namespaces, daemon_factory, work
     ns = namespaces.make("d")
     d = daemon_factory(ns).start()
     assert "ravel: ready" in d.output()
+    # Only root talks to the daemon: `clear counters` and the state are behind the socket.
+    assert stat.S_IMODE(os.stat(d.socket).st_mode) == 0o600
 
     dump = d.ctl("dump").stdout
     # Answered by the agent library's own callback.
