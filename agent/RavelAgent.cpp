@@ -84,6 +84,7 @@ void Agent::doMountsComplete(MountStatus status, Ptr<EntityManager> em) {
       probeAgent_->allIntfStatusDirIs(allIntfStatusDir);
       probeAgent_->ipStatusIs(ipStatus);
       probeAgent_->ip6StatusIs(ip6Status);
+      probeAgent_->pamConfigIs(probeConfig_);
       probeAgent_->doMountsComplete(status, em);
    }
    if (errorResponderAgent_) {

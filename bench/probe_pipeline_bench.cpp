@@ -39,7 +39,8 @@ struct Pipeline {
       }
       sm = make<RootSm>(queues, intfs, l3, make<IfIndexStatus>(), ip, ip6, make<ArpTableStatus>(),
                         make<VrfIdMapStatus>(), config, status, nullptr, make<AclConfig>(),
-                        make<AclConfig>());
+                        make<AclConfig>(), make<PamConfig>(),
+                        [](const VrfName&) { return Ptr<KniNsStatus>(); });
       auto icmp = buildExtendedEchoRequest(AddressFamily::ipv4, 1, 1, true, std::string("eth0"));
       wire = {0x45, 0, 0, uint8_t(20 + icmp.size()), 0, 0, 0, 0, 64, 1, 0, 0, 192, 0, 2, 1, 192,
               0,    2, 2};

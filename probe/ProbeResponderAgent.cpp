@@ -48,10 +48,15 @@ void Agent::doMountsComplete(MountStatus status, const Ptr<EntityManager>& em) {
    // A store without the ACL sources gets empty ones: a named source list then refuses all.
    Ptr<AclConfig> aclInput = em->entityAs<AclInput>("acl/config/input");
    Ptr<AclConfig> aclCli = em->entityAs<AclConfig>("acl/config/cli");
+   // A VRF namespace's devices by ifIndex, as the Linux provider publishes them.
+   auto kniOf = [em](const VrfName& vrf) {
+      return em->entityAs<KniNsStatus>("kni/ns/" + vrf.nsName() + "/status");
+   };
    rootSm_ =
        make<RootSm>(queues, allIntfStatusDir(), l3IntfStatusDir, ifIndexStatus, ipStatus(),
                     ip6Status(), arpStatus, vrfIdMap, config, probeStatus, pamCollection(),
-                    aclInput ? aclInput : make<AclConfig>(), aclCli ? aclCli : make<AclConfig>());
+                    aclInput ? aclInput : make<AclConfig>(), aclCli ? aclCli : make<AclConfig>(),
+                    pamConfig() ? pamConfig() : make<PamConfig>(), kniOf);
 }
 
 void Agent::dumpState(DumpContext& ctx, int indent) const {

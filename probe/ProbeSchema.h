@@ -4,9 +4,11 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 
 #include "platform/store/Entity.h"
+#include "platform/values/Values.h"
 
 namespace Ravel::ProbeResponder {
 
@@ -32,6 +34,26 @@ struct RateLimitSettings {
    bool operator==(const RateLimitSettings&) const = default;
 };
 
+// One VRF's departures from the global settings; unset members follow them.
+struct VrfOverrides {
+   std::optional<bool> enabled;
+   std::optional<bool> ifname;
+   std::optional<bool> ifindex;
+   std::optional<bool> ifaddr;
+   std::optional<bool> remote;
+   bool operator==(const VrfOverrides&) const = default;
+};
+
+// What a VRF answers: the global settings for the default VRF and for each VRF listed with its
+// overrides; nothing for a VRF not listed.
+struct VrfProbeSettings {
+   bool enabled = false;
+   bool ifname = false;
+   bool ifindex = false;
+   bool ifaddr = false;
+   bool remote = false;
+};
+
 // "icmp/probe/config". Off unless configured (RFC 8335 section 6).
 class Config : public Entity {
    RAVEL_ENTITY_TYPE(Config, "Icmp::Probe::Config")
@@ -44,6 +66,20 @@ class Config : public Entity {
    Attr<uint32_t> maxQueueLength{1024};
    Attr<SourceLists> sources;
    Attr<RateLimitSettings> rateLimit;
+   Attr<std::map<VrfName, VrfOverrides>> vrfs;  // the VRFs besides the default that answer
+
+   VrfProbeSettings of(const VrfName& vrf) const {
+      VrfProbeSettings s{enabled(), ifname(), ifindex(), ifaddr(), remote()};
+      if (vrf.isDefault())
+         return s;
+      auto it = vrfs().find(vrf);
+      if (it == vrfs().end())
+         return {};
+      const VrfOverrides& o = it->second;
+      return {o.enabled.value_or(s.enabled), o.ifname.value_or(s.ifname),
+              o.ifindex.value_or(s.ifindex), o.ifaddr.value_or(s.ifaddr),
+              o.remote.value_or(s.remote)};
+   }
 };
 
 // clang-format off

@@ -56,12 +56,14 @@ bool validUtf8(std::string_view s) {
 
 RequestPolicy::RequestPolicy(Ptr<Config> config, Ptr<IntfIdByIfIndex> intfIdByIfIndex,
                              Ptr<AllIntfAddrVrfTable> allIntfAddrVrfTable, Ptr<AclConfig> aclInput,
-                             Ptr<AclConfig> aclCli)
+                             Ptr<AclConfig> aclCli, KniOf kniOf)
     : config_(std::move(config)),
       intfIdByIfIndex_(std::move(intfIdByIfIndex)),
       allIntfAddrVrfTable_(std::move(allIntfAddrVrfTable)),
       aclInput_(std::move(aclInput)),
-      aclCli_(std::move(aclCli)) {
+      aclCli_(std::move(aclCli)),
+      kniOf_(std::move(kniOf)) {
+   RAVEL_ASSERT(kniOf_);
    RAVEL_ASSERT(config_);
    RAVEL_ASSERT(intfIdByIfIndex_);
    RAVEL_ASSERT(allIntfAddrVrfTable_);
@@ -92,32 +94,33 @@ bool RequestPolicy::sourceAuthorized(const PacketParserResult& result, const IpG
    return m.matched && m.action == AclAction::permit;
 }
 
-bool RequestPolicy::requestAllowed(const PacketParserResult& result) const {
-   if (!config_->enabled()) {
+bool RequestPolicy::requestAllowed(const VrfName& vrf, const PacketParserResult& result) const {
+   const VrfProbeSettings c = config_->of(vrf);
+   if (!c.enabled) {
       TRACE(4, "Not enabled, why did we get a packet?");
       return false;
    }
    const RequestedInterface& intf = result.interface;
    // Remote requests without an address are refused later, with a reply.
    if (!result.localNode()) {
-      if (!config_->remote())
+      if (!c.remote)
          TRACE(4, "Request specified disallowed remote L=0");
-      return config_->remote();
+      return c.remote;
    }
    if (intf.containsIfName()) {
-      if (!config_->ifname())
+      if (!c.ifname)
          TRACE(4, "Request specified disallowed ifName {}", intf.ifNameValue());
-      return config_->ifname();
+      return c.ifname;
    }
    if (intf.containsIfIndex()) {
-      if (!config_->ifindex())
+      if (!c.ifindex)
          TRACE(4, "Request specified disallowed ifIndex {}", intf.ifIndexValue());
-      return config_->ifindex();
+      return c.ifindex;
    }
    if (intf.containsIfAddr()) {
-      if (!config_->ifaddr())
+      if (!c.ifaddr)
          TRACE(4, "Request specified disallowed ifAddr {}", intf.ifAddrValue());
-      return config_->ifaddr();
+      return c.ifaddr;
    }
    TRACE(0, "This shouldn't be reachable");
    return false;
@@ -127,9 +130,16 @@ IntfId RequestPolicy::determineInterface(const VrfName& requestVrf,
                                          const PacketParserResult& result) const {
    const RequestedInterface& intf = result.interface;
    if (intf.containsIfIndex()) {
+      // An ifIndex means something in the request's own namespace only.
       uint32_t n = static_cast<uint32_t>(intf.ifIndexValue());
-      IntfId id = intfIdByIfIndex_->intfId.get(n);
-      TRACE(6, "ifIndex {} => {}", intf.ifIndexValue(), id);
+      IntfId id;
+      if (requestVrf.isDefault()) {
+         id = intfIdByIfIndex_->intfId.get(n);
+      } else if (auto kni = kniOf_(requestVrf)) {
+         if (const KniIntf* k = kni->intf.find(n))
+            id = k->intfId;
+      }
+      TRACE(6, "ifIndex {} in vrf {} => {}", intf.ifIndexValue(), requestVrf, id);
       return id;
    }
    if (intf.containsIfName()) {
@@ -140,7 +150,9 @@ IntfId RequestPolicy::determineInterface(const VrfName& requestVrf,
          return IntfId();
       }
       try {
-         return IntfId(s);
+         // A VRF's devices carry its name ("red/eth1"): the requester names its own "eth1".
+         IntfId plain(s);
+         return requestVrf.isDefault() ? plain : IntfId::forDevice(requestVrf, s);
       } catch (const std::exception& e) {
          TRACE(5, "Exception converting {}: {}", s, e.what());
          return IntfId();

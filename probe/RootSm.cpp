@@ -17,7 +17,8 @@ RootSm::RootSm(Ptr<Queues> queues, Ptr<AllIntfStatusDir> allIntfStatusDir,
                Ptr<L3IntfStatusDir> l3IntfStatusDir, Ptr<IfIndexStatus> ifIndexStatus,
                Ptr<IpStatus> ipStatus, Ptr<Ip6Status> ip6Status, Ptr<ArpTableStatus> arpStatus,
                Ptr<VrfIdMapStatus> vrfIdMap, Ptr<Config> config, Ptr<Status> status,
-               Ptr<PamCollection> pamCollection, Ptr<AclConfig> aclInput, Ptr<AclConfig> aclCli)
+               Ptr<PamCollection> pamCollection, Ptr<AclConfig> aclInput, Ptr<AclConfig> aclCli,
+               Ptr<PamConfig> probeConfig, RequestPolicy::KniOf kniOf)
     : queues_(std::move(queues)),
       allIntfStatusDir_(std::move(allIntfStatusDir)),
       l3IntfStatusDir_(std::move(l3IntfStatusDir)),
@@ -29,6 +30,7 @@ RootSm::RootSm(Ptr<Queues> queues, Ptr<AllIntfStatusDir> allIntfStatusDir,
       config_(std::move(config)),
       status_(std::move(status)),
       pamCollection_(std::move(pamCollection)),
+      probeConfig_(std::move(probeConfig)),
       scheduler_(Scheduler::defaultScheduler()),
       parser_([this]() -> Status& {
          RAVEL_ASSERT(status_);
@@ -45,13 +47,18 @@ RootSm::RootSm(Ptr<Queues> queues, Ptr<AllIntfStatusDir> allIntfStatusDir,
    allIntfAddrVrfTable_ = make<AllIntfAddrVrfTable>();
    vrfNameToId_ = make<NameToIdMap>();
    vrfReverseMapper_ = make<ReverseMapper>(vrfIdMap_, vrfNameToId_);
-   policy_ = std::make_unique<RequestPolicy>(config_, intfIdByIfIndex_, allIntfAddrVrfTable_,
-                                             std::move(aclInput), std::move(aclCli));
+   policy_ =
+       std::make_unique<RequestPolicy>(config_, intfIdByIfIndex_, allIntfAddrVrfTable_,
+                                       std::move(aclInput), std::move(aclCli), std::move(kniOf));
    admission_ = make<RequestAdmission>(config_, intfIdByIfIndex_, ipStatus_, scheduler_);
    handler_ =
        std::make_unique<RequestHandler>(*policy_, allIntfStatusDir_, l3IntfStatusDir_, ipStatus_,
                                         ip6Status_, arpStatus_, vrfNameToId_, *status_);
    handleInitialized();
+   RAVEL_ASSERT(probeConfig_);
+   vrfsSub_ = config_->vrfs.subscribe([this] { handleVrfs(); });
+   enabledSub_ = config_->enabled.subscribe([this] { handleVrfs(); });
+   handleVrfs();
    inputSub_ = queues_->inputSubscribe([this] { handleInputQueued(); });
    outputSub_ = queues_->outputSubscribe([this] { handleOutputQueued(); });
    if (pamCollection_) {
@@ -64,6 +71,10 @@ RootSm::RootSm(Ptr<Queues> queues, Ptr<AllIntfStatusDir> allIntfStatusDir,
 }
 
 RootSm::~RootSm() {
+   vrfsSub_.reset();
+   enabledSub_.reset();
+   for (auto& [vrf, sm] : vrfTableSm_)
+      probeConfig_->vrfDel(vrf);
    pamCollectionSub_.reset();
    inputSub_.reset();
    outputSub_.reset();
@@ -79,6 +90,31 @@ void RootSm::handleInitialized() {
    intfAddrVrfTableSm_ = make<IntfAddrVrfTableSm>(
        VrfName::defaultVrf(), VrfName::defaultVrf().nsName(), scheduler_, ipStatus_, ip6Status_,
        make<VirtualIpStatus>(), make<VirtualIpStatus>(), nullptr, intfAddrVrfTable_, smConfig_);
+}
+
+void RootSm::handleVrfs() {
+   std::vector<VrfName> gone;
+   for (auto& [vrf, sm] : vrfTableSm_) {
+      if (!config_->of(vrf).enabled)
+         gone.push_back(vrf);
+   }
+   for (auto& vrf : gone) {
+      TRACE(4, "PROBE off in vrf {}", vrf);
+      probeConfig_->vrfDel(vrf);
+      vrfTableSm_.erase(vrf);
+      allIntfAddrVrfTable_->table.del(vrf);
+   }
+   for (auto& [vrf, o] : config_->vrfs()) {
+      if (vrf.isDefault() || vrfTableSm_.count(vrf) || !config_->of(vrf).enabled)
+         continue;
+      TRACE(4, "PROBE on in vrf {}", vrf);
+      auto table = make<IntfAddrVrfTable>();
+      allIntfAddrVrfTable_->table.is(vrf, table);
+      vrfTableSm_[vrf] = make<IntfAddrVrfTableSm>(
+          vrf, vrf.nsName(), scheduler_, ipStatus_, ip6Status_, make<VirtualIpStatus>(),
+          make<VirtualIpStatus>(), nullptr, table, smConfig_);
+      probeConfig_->vrfIs(vrf);
+   }
 }
 
 ParseResultCode RootSm::parsePacket(const QueueEntry& entry, PacketParserResult& result) const {
@@ -98,7 +134,7 @@ void RootSm::processOnePacket(const Ptr<QueueEntry>& entry) {
    if (rc == ParseResultCode::malformedPacket)
       return;
    // A malformed object is judged as what it defaults to (ifIndex 0) before it is answered.
-   if (!policy_->requestAllowed(*result)) {
+   if (!policy_->requestAllowed(entry->vrf, *result)) {
       status_->requestTypeNotAllowedInc(1);
       return;
    }

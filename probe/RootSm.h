@@ -28,7 +28,8 @@ class RootSm : public Node {
           Ptr<L3IntfStatusDir> l3IntfStatusDir, Ptr<IfIndexStatus> ifIndexStatus,
           Ptr<IpStatus> ipStatus, Ptr<Ip6Status> ip6Status, Ptr<ArpTableStatus> arpStatus,
           Ptr<VrfIdMapStatus> vrfIdMap, Ptr<Config> config, Ptr<Status> status,
-          Ptr<PamCollection> pamCollection, Ptr<AclConfig> aclInput, Ptr<AclConfig> aclCli);
+          Ptr<PamCollection> pamCollection, Ptr<AclConfig> aclInput, Ptr<AclConfig> aclCli,
+          Ptr<PamConfig> probeConfig, RequestPolicy::KniOf kniOf);
    ~RootSm() override;
 
    void handleInitialized();
@@ -46,6 +47,8 @@ class RootSm : public Node {
    void processSendQueue();
    void pamInputReactorIs(const VrfNameAndAddressFamily& key, const Ptr<IpPam>& pam);
    void pamInputReactorDel(const VrfNameAndAddressFamily& key);
+   // The VRFs besides the default that answer get their PAMs and address tables.
+   void handleVrfs();
 
    void dumpState(DumpContext& ctx, int indent) const;
 
@@ -73,6 +76,7 @@ class RootSm : public Node {
    Ptr<Config> config_;
    Ptr<Status> status_;
    Ptr<PamCollection> pamCollection_;
+   Ptr<PamConfig> probeConfig_;
    Scheduler& scheduler_;
    std::unique_ptr<Task> inTask_;
    std::unique_ptr<Task> outTask_;
@@ -88,6 +92,9 @@ class RootSm : public Node {
    RequestParser parser_;
    std::unique_ptr<RequestPolicy> policy_;
    Ptr<RequestAdmission> admission_;
+   std::map<VrfName, Ptr<IntfAddrVrfTableSm>> vrfTableSm_;
+   Subscription vrfsSub_;
+   Subscription enabledSub_;
    std::unique_ptr<RequestHandler> handler_;
    Subscription inputSub_;
    Subscription outputSub_;

@@ -211,7 +211,7 @@ class Parser {
 
    void parseProbe(const Val& n, ProbeSettings& p) {
       auto f = fields(n, {"enabled", "ifname", "ifindex", "ifaddr", "remote", "max-queue-length",
-                          "sources", "rate-limit"});
+                          "sources", "rate-limit", "vrfs"});
       for (auto [name, out] : {std::pair{"enabled", &p.enabled}, std::pair{"ifname", &p.ifname},
                                std::pair{"ifindex", &p.ifindex}, std::pair{"ifaddr", &p.ifaddr},
                                std::pair{"remote", &p.remote}}) {
@@ -227,6 +227,21 @@ class Parser {
                std::pair{"ifaddr", &p.sources.ifaddr}, std::pair{"remote", &p.sources.remote}}) {
             if (auto x = field(s, name))
                *out = aclRef(*x);
+         }
+      }
+      if (auto v = field(f, "vrfs")) {
+         for (auto& e : entries(*v)) {
+            VrfName name = vrfName(e);
+            ProbeResponder::VrfOverrides o;
+            auto x = fields(e.value, {"enabled", "ifname", "ifindex", "ifaddr", "remote"});
+            for (auto [key, out] :
+                 {std::pair{"enabled", &o.enabled}, std::pair{"ifname", &o.ifname},
+                  std::pair{"ifindex", &o.ifindex}, std::pair{"ifaddr", &o.ifaddr},
+                  std::pair{"remote", &o.remote}}) {
+               if (auto b = field(x, key); b && !b->node.IsNull())
+                  *out = boolean(*b);
+            }
+            p.vrfs[name] = o;
          }
       }
       if (auto v = field(f, "rate-limit")) {
@@ -264,21 +279,8 @@ class Parser {
       auto vrfs = field(f, "vrfs");
       if (!vrfs)
          return;
-      for (auto& v : entries(*vrfs)) {
-         VrfName vrf;
-         try {
-            vrf = VrfName(v.name);
-         } catch (const std::logic_error&) {
-            fail(v.keyMark, v.value.key,
-                 fmt::format("VRF name longer than {} bytes", VrfName::kMaxLen));
-         }
-         if (v.name.empty())
-            fail(v.keyMark, v.value.key, "empty VRF name");
-         // The VRF's namespace is a file named after it.
-         if (v.name.find('/') != std::string::npos)
-            fail(v.keyMark, v.value.key, "VRF name with \"/\"");
-         e.vrfs[vrf] = parseVrf(v.value);
-      }
+      for (auto& v : entries(*vrfs))
+         e.vrfs[vrfName(v)] = parseVrf(v.value);
    }
 
    uint32_t ringBufferSize(const Val& v) {
@@ -320,6 +322,22 @@ class Parser {
          }
       }
       return d;
+   }
+
+   VrfName vrfName(const Entry& v) {
+      VrfName vrf;
+      try {
+         vrf = VrfName(v.name);
+      } catch (const std::logic_error&) {
+         fail(v.keyMark, v.value.key,
+              fmt::format("VRF name longer than {} bytes", VrfName::kMaxLen));
+      }
+      if (v.name.empty())
+         fail(v.keyMark, v.value.key, "empty VRF name");
+      // The VRF's namespace is a file named after it.
+      if (v.name.find('/') != std::string::npos)
+         fail(v.keyMark, v.value.key, "VRF name with \"/\"");
+      return vrf;
    }
 
    ErrorVrfSettings parseVrf(const Val& n) {

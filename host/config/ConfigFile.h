@@ -30,6 +30,7 @@ struct ProbeSettings {
    uint32_t maxQueueLength = 1024;  // the responder entity's own default
    ProbeResponder::SourceLists sources;
    ProbeResponder::RateLimitSettings rateLimit;
+   std::map<VrfName, ProbeResponder::VrfOverrides> vrfs;
    bool operator==(const ProbeSettings&) const = default;
 };
 

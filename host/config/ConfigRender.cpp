@@ -65,6 +65,21 @@ std::string renderConfig(const RavelConfig& c) {
    out << YAML::Key << "ipv4-prefix-length" << YAML::Value << unsigned{l.ipv4PrefixLength};
    out << YAML::Key << "ipv6-prefix-length" << YAML::Value << unsigned{l.ipv6PrefixLength};
    out << YAML::EndMap;
+   out << YAML::Key << "vrfs" << YAML::Value << YAML::BeginMap;
+   for (auto& [vrf, o] : p.vrfs) {
+      out << YAML::Key << vrf.str() << YAML::Value << YAML::Flow << YAML::BeginMap;
+      for (auto [key, v] : {std::pair{"enabled", o.enabled}, std::pair{"ifname", o.ifname},
+                            std::pair{"ifindex", o.ifindex}, std::pair{"ifaddr", o.ifaddr},
+                            std::pair{"remote", o.remote}}) {
+         out << YAML::Key << key << YAML::Value;
+         if (v)
+            out << *v;
+         else
+            out << YAML::Null;
+      }
+      out << YAML::EndMap;
+   }
+   out << YAML::EndMap;
    out << YAML::EndMap;
 
    const auto& e = c.errorResponder;

@@ -134,6 +134,7 @@ void ConfigService::apply(const RavelConfig& c) {
    probe_->maxQueueLength.set(c.probe.maxQueueLength);
    probe_->sources.set(c.probe.sources);
    probe_->rateLimit.set(c.probe.rateLimit);
+   probe_->vrfs.set(c.probe.vrfs);
    probe_->enabled.set(c.probe.enabled);
 
    deleteAcls(*aclInput_->ipv4, c.ipv4Acls);

@@ -22,6 +22,7 @@ probe:
   ifaddr: true
   remote: {remote}
   max-queue-length: {qlen}
+  vrfs: {{blue: {{}}}}
 """
 
 
@@ -48,7 +49,7 @@ def lab():
             return ("blue/b0" in intfs and "ipv4" in intfs.get("r0", {})
                     and len(s.get("arp", [])) >= 3 and len(s.get("nd", [])) >= 1)
         assert wait_for(ready, 5)
-        yield {"router": router, "client": client, "daemon": d, "config": cfg}
+        yield {"router": router, "client": client, "daemon": d, "config": cfg, "blue": blue}
         d.stop()
     finally:
         nss.close()
@@ -177,6 +178,40 @@ def test_source_lists_follow_configuration(lab):
     finally:
         cfg.write_text(base)
         wait_for(lambda: "NOC" not in d.ctl("show", "config").stdout, 3)
+
+
+# Sends each request to an address of the namespace itself over a raw socket (local delivery,
+# which scapy's link-layer send cannot do) and prints the reply codes by identifier.
+LOCAL_PROBES = r"""
+import json, select, socket, sys, time
+s = socket.socket(socket.AF_INET, socket.SOCK_RAW, socket.IPPROTO_ICMP)
+want = {}
+for ident, m in json.loads(sys.stdin.read()):
+    s.sendto(bytes.fromhex(m), ("10.9.9.9", 0))
+    want[ident] = None
+end = time.monotonic() + 2
+while None in want.values() and time.monotonic() < end:
+    if select.select([s], [], [], 0.1)[0]:
+        p = s.recv(2048)
+        icmp = p[(p[0] & 15) * 4:]
+        ident = int.from_bytes(icmp[4:6], "big")
+        if icmp[0] == 43 and ident in want:
+            want[ident] = icmp[1]
+print(json.dumps(want))
+"""
+
+
+def test_probe_in_a_vrf_uses_that_vrfs_interfaces(lab):
+    """A request received in VRF blue is answered from blue's socket, about blue's own
+    interfaces by name, index and address; the default VRF's interfaces are not there."""
+    blue = lab["blue"]
+    cases = [({"name": "b0"}, 0), ({"index": ifindex(blue, "b0")}, 0), ({"addr": "10.9.9.9"}, 0),
+             ({"name": "r0"}, 2)]
+    msgs = [[0x7000 + i, P.request(0x7000 + i, i, True, P.extension(P.intf_object(**obj))).hex()]
+            for i, (obj, _) in enumerate(cases)]
+    out = blue.run("/usr/bin/python3", "-c", LOCAL_PROBES, input=json.dumps(msgs)).stdout
+    codes = json.loads(out)
+    assert [codes[str(0x7000 + i)] for i in range(len(cases))] == [c for _, c in cases], out
 
 
 def test_link_down_follows(lab):

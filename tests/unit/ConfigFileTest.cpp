@@ -51,10 +51,13 @@ TEST(ConfigFileParse, GoodFiles) {
            c.errorResponder = {TriState::of(false), true, 255, 65536, 4294967295u, {}};
         }},
        {"probe:\n  sources: {ifname: NOC, remote: ~}\n"
-        "  rate-limit: {rate: 100, burst: 200, per-source-rate: 5, ipv6-prefix-length: 48}\n",
+        "  rate-limit: {rate: 100, burst: 200, per-source-rate: 5, ipv6-prefix-length: 48}\n"
+        "  vrfs: {red: {}, blue: {enabled: false, ifname: true, remote: ~}}\n",
         [](RavelConfig& c) {
            c.probe.sources.ifname = "NOC";
            c.probe.rateLimit = {100, 200, 5, 0, 24, 48};
+           c.probe.vrfs[VrfName("red")] = {};
+           c.probe.vrfs[VrfName("blue")] = {false, true, std::nullopt, std::nullopt, std::nullopt};
         }},
        {"error-responder:\n  suppress-kernel-errors: false\n",
         [](RavelConfig& c) { c.errorResponder.suppressKernelErrors = false; }},
@@ -225,6 +228,8 @@ TEST(ConfigFileRender, DefaultsWrittenOutAndRoundTrip) {
   max-queue-length: 1024
   sources: {ifname: ~, ifindex: ~, ifaddr: ~, remote: ~}
   rate-limit: {rate: 0, burst: 0, per-source-rate: 0, per-source-burst: 0, ipv4-prefix-length: 24, ipv6-prefix-length: 64}
+  vrfs:
+    {}
 error-responder:
   enabled: ~
   add-host-name: false

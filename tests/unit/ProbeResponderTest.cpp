@@ -136,6 +136,8 @@ struct ProbeTest : FakePamWorld {
    Ptr<Config> config = make<Config>();
    Ptr<Status> status = make<Status>();
    Ptr<AclConfig> aclInput = make<AclConfig>();
+   Ptr<PamConfig> probeConfig = make<PamConfig>();
+   std::map<VrfName, Ptr<KniNsStatus>> kni;  // VRF namespaces' devices by ifIndex
    Ptr<PamCollection> pams = make<PamCollection>();
    Ptr<FakePam> pam4 = defaultVrfPam(AddressFamily::ipv4);
    Ptr<FakePam> pam6 = defaultVrfPam(AddressFamily::ipv6);
@@ -158,7 +160,10 @@ struct ProbeTest : FakePamWorld {
       pams->pamIs({VrfName::defaultVrf(), AddressFamily::ipv4}, pam4);
       pams->pamIs({VrfName::defaultVrf(), AddressFamily::ipv6}, pam6);
       sm = make<RootSm>(make<Queues>(), intfs, l3, ifIndex, ip, ip6, arp, vrfIds, config, status,
-                        pams, aclInput, make<AclConfig>());
+                        pams, aclInput, make<AclConfig>(), probeConfig, [this](const VrfName& v) {
+                           auto it = kni.find(v);
+                           return it == kni.end() ? nullptr : it->second;
+                        });
    }
 
    void intf(const std::string& name, OperStatus oper, uint32_t ifindex, const std::string& vrf,
@@ -590,6 +595,7 @@ TEST_F(ProbeTest, RemoteRequestInAVrfWithoutIdFindsNoEntry) {
    // The address is learnt in the default VRF (id 0); "blue" has no id at all.
    neighbour(0, "192.0.2.77", "eth0");
    config->remote.set(true);
+   config->vrfs.set({{VrfName("blue"), {}}});  // answers, as the global settings say
    auto blue =
        ptrCast<FakePam>(factory.ipSocketPamFactory("ipv4 vrf blue", IPPROTO_ICMP, "ns-blue"));
    pams->pamIs({VrfName("blue"), AddressFamily::ipv4}, blue);
