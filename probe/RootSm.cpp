@@ -248,6 +248,13 @@ void RootSm::dumpState(DumpContext& ctx, int indent) const {
    RAVEL_DUMP(ctx, indent + 2, "config enabled %d ifindex %d ifname %d ifaddr %d remote %d\n",
               config_->enabled(), config_->ifindex(), config_->ifname(), config_->ifaddr(),
               config_->remote());
+   RAVEL_DUMP(ctx, indent + 2, "vrfs answering besides default #%u\n",
+              static_cast<unsigned>(vrfTableSm_.size()));
+   RAVEL_DUMP(ctx, indent + 2,
+              "dropped rateLimited %llu notUnicast %llu sourceNotAuthorized %llu\n",
+              static_cast<unsigned long long>(status_->rateLimited),
+              static_cast<unsigned long long>(status_->notUnicast),
+              static_cast<unsigned long long>(status_->sourceNotAuthorized));
    unsigned count = static_cast<unsigned>(pamInputReactor_.size());
    RAVEL_DUMP(ctx, indent + 2, "pamInputReactor #%u\n", count);
    bool cut = !ctx.verbose() && count > ctx.entryLimit();

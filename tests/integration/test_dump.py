@@ -66,6 +66,8 @@ def probe_text(keys, verbose=False):
     reactors = [f"    input reactor for {v} {fam}\n" for v, fam in keys]
     return ("ProbeResponder\n"
             "  config enabled 0 ifindex 0 ifname 0 ifaddr 0 remote 0\n"
+            "  vrfs answering besides default #0\n"
+            "  dropped rateLimited 0 notUnicast 0 sourceNotAuthorized 0\n"
             f"  pamInputReactor #{len(keys)}\n" + truncating(reactors, len(keys), 4, verbose) +
             "  intfIdByIfindex #1\n"
             "  intput queue #0\n"
