@@ -544,7 +544,13 @@ TEST_F(ProbeTest, AdmissionAndSourceListsDecideWhatIsAnswered) {
       const char* dst;
       int requests;
       uint64_t answered;
-      const char* counter;  // what counts the others
+      const char* counter;                  // what counts the others
+      std::function<void(Req&)> kind = {};  // the request; by name "eth0" when empty
+   };
+   auto byIndex = [](Req& r) { r.ctype = 2, r.body = indexBody(2); };
+   auto byAddr = [](Req& r) { r.ctype = 3, r.body = addrBody(*IpGenAddr::parse("192.0.2.2")); };
+   auto remote = [](Req& r) {
+      r.local = false, r.ctype = 3, r.body = addrBody(*IpGenAddr::parse("192.0.2.77"));
    };
    const Case cases[] = {
        {"multicast", [] {}, "192.0.2.1", "224.0.0.1", 1, 0, "notUnicast"},
@@ -574,11 +580,33 @@ TEST_F(ProbeTest, AdmissionAndSourceListsDecideWhatIsAnswered) {
            config->sources.set({"MISSING", "", "", ""});
         },
         "192.0.2.1", "192.0.2.2", 1, 0, "sourceNotAuthorized"},
+       {"a kind without a list: everyone", [] {}, "198.51.100.9", "192.0.2.2", 1, 1,
+        "sourceNotAuthorized", byIndex},
+       {"the index's list",
+        [this] {
+           config->sources.set({"", "NOC", "", ""});
+        },
+        "198.51.100.9", "192.0.2.2", 1, 0, "sourceNotAuthorized", byIndex},
+       {"the address's list",
+        [this] {
+           config->sources.set({"", "", "NOC", ""});
+        },
+        "198.51.100.9", "192.0.2.2", 1, 0, "sourceNotAuthorized", byAddr},
+       {"the remote list",
+        [this] {
+           config->remote.set(true);
+           config->sources.set({"", "", "", "NOC"});
+        },
+        "198.51.100.9", "192.0.2.2", 1, 0, "sourceNotAuthorized", remote},
+       {"the remote list, permitted", [] {}, "192.0.2.1", "192.0.2.2", 1, 1, "sourceNotAuthorized",
+        remote},
    };
-   Req r;
    for (auto& c : cases) {
       SCOPED_TRACE(c.what);
       c.setup();
+      Req r;
+      if (c.kind)
+         c.kind(r);
       status->clear();
       pam4->tx.clear();
       IpGenAddr src = addr(c.src), dst = addr(c.dst);
