@@ -18,9 +18,12 @@
 #include "error/datapath/IcmpPushReplyLayout.h"
 #include "icmp6_kprobe_ebpf.skel.h"
 #include "icmp_kprobe_ebpf.skel.h"
+#include "tests/privileged/Host.h"
 
 namespace Ravel::ErrorResponder {
 namespace {
+
+using test::kernelHasKprobes;
 
 // Either family's skeleton behind one face. `icmpParamArg` < 0: the IPv6 object, which has no
 // layout constant.
@@ -169,13 +172,6 @@ TEST_F(BpfPrograms, MapSizesAsTheKernelGetsThem) {
          EXPECT_LT(err, 0);
       }
    }
-}
-
-bool kernelHasKprobes() {
-   struct stat st {};
-   return ::stat("/sys/bus/event_source/devices/kprobe", &st) == 0 ||
-          ::stat("/sys/kernel/tracing/kprobe_events", &st) == 0 ||
-          ::stat("/sys/kernel/debug/tracing/kprobe_events", &st) == 0;
 }
 
 // With the layout the running kernel's BTF calls for. A kernel without kprobes refuses the

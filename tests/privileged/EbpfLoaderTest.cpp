@@ -14,9 +14,12 @@
 
 #include "error/ErrorResponderCounterSm.h"
 #include "error/datapath/EbpfIpGenHelper.h"
+#include "tests/privileged/Host.h"
 
 namespace Ravel::ErrorResponder {
 namespace {
+
+using test::kernelHasKprobes;
 
 size_t openFds() {
    size_t n = 0;
@@ -37,10 +40,6 @@ std::string ownLines(const std::string& err) {
       line.clear();
    }
    return out;
-}
-
-bool kernelHasKprobes() {
-   return std::filesystem::exists("/sys/bus/event_source/devices/kprobe");
 }
 
 struct Family {

@@ -22,13 +22,12 @@
 #include "platform/core/Fd.h"
 #include "platform/linux/SocketPam.h"
 #include "platform/values/Checksum.h"
+#include "tests/privileged/Host.h"
 
 namespace Ravel::ErrorResponder {
 namespace {
 
-int sh(const std::string& cmd) {
-   return std::system((cmd + " >/dev/null 2>&1").c_str());
-}
+using test::sh;
 
 std::string output(const std::string& cmd) {
    std::string out;

@@ -24,16 +24,15 @@
 #include "platform/core/Errno.h"
 #include "platform/linux/SocketPam.h"
 #include "platform/values/Checksum.h"
+#include "tests/privileged/Host.h"
 #include "wire/ProbePacket.h"
 
 namespace Ravel {
 namespace {
 
-const std::string kNetnsDir = "/run/netns";
+using test::sh;
 
-int sh(const std::string& cmd) {
-   return std::system((cmd + " >/dev/null 2>&1").c_str());
-}
+const std::string kNetnsDir = "/run/netns";
 
 std::string tag() {
    return std::to_string(getpid());

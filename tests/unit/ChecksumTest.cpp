@@ -5,18 +5,14 @@
 #include <vector>
 
 #include "platform/values/Checksum.h"
+#include "tests/unit/TestBytes.h"
 
 namespace Ravel {
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using test::Bytes;
 
-Bytes hex(const std::string& s) {
-   Bytes out;
-   for (size_t i = 0; i + 1 < s.size(); i += 2)
-      out.push_back(static_cast<uint8_t>(std::stoi(s.substr(i, 2), nullptr, 16)));
-   return out;
-}
+using test::hex;
 
 // RFC 1071 word by word, for comparison.
 uint16_t slowChecksum(std::span<const uint8_t> b) {

@@ -11,15 +11,10 @@
 namespace Ravel {
 namespace {
 
-using Bytes = std::vector<uint8_t>;
+using test::Bytes;
 using View = std::span<const uint8_t>;
 
-Bytes hex(const std::string& s) {
-   Bytes out;
-   for (size_t i = 0; i + 1 < s.size(); i += 2)
-      out.push_back(static_cast<uint8_t>(std::stoi(s.substr(i, 2), nullptr, 16)));
-   return out;
-}
+using test::hex;
 
 using test::ip;
 
