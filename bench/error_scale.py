@@ -99,7 +99,11 @@ def config(n, enabled):
 def main():
     # Five descriptors a VRF (two PAMs, two netlink sockets, the kernel error filter's): as the
     # unit file does, give the daemon room for them.
-    resource.setrlimit(resource.RLIMIT_NOFILE, (65536, 65536))
+    try:
+        resource.setrlimit(resource.RLIMIT_NOFILE, (65536, 65536))
+    except (ValueError, OSError):  # a container may cap the hard limit: use what it allows
+        hard = resource.getrlimit(resource.RLIMIT_NOFILE)[1]
+        resource.setrlimit(resource.RLIMIT_NOFILE, (hard, hard))
     kernel = "--kernel" in sys.argv
     args = [a for a in sys.argv[1:] if a != "--kernel"]
     n = int(args[0]) if args else 1000
